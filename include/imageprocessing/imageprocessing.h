@@ -1,0 +1,12 @@
+#pragma once
+// Everything the image-processing library exports, and the sibling-library types that
+// appear in its signatures.
+
+#include <zorl/common/managed_memory.h>
+#include <zorl/common/memory_manager.h>
+#include <zorl/core/core.h>
+#include <zorl/halton/halton.h>
+#include <zorl/logger/logger.h>
+
+#include <imageprocessing/status.h>
+#include <imageprocessing/conversion.h>
