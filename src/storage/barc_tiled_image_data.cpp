@@ -1,0 +1,95 @@
+// BarcTiledImageData: the older scheme, 256 x 256 tiles in one flat row-major grid of
+// tile pointers. No modified flags.
+
+#include <imageprocessing/tiled_image_data_stores.h>
+
+#include "storage/tiled_image_data_ops.h"
+
+namespace zorl {
+
+using BarcOps = detail::TiledStoreOps<BarcTiledImageData>;
+
+BarcTiledImageData::BarcTiledImageData(_Size<int> size, const Pixel& fill, ColorProfilePtr profile)
+    : TiledImageData(BarcOps::checkedSize(size), fill, std::move(profile)) {
+    tilesX_ = (size_.width + kTileSide - 1) / kTileSide;
+    tilesY_ = (size_.height + kTileSide - 1) / kTileSide;
+    tiles_.resize(static_cast<std::size_t>(tilesX_) * tilesY_);
+}
+
+BarcTiledImageData::BarcTiledImageData(const BarcTiledImageData& other)
+    : TiledImageData(other),
+      tilesX_(other.tilesX_),
+      tilesY_(other.tilesY_),
+      presentTiles_(other.presentTiles_),
+      tiles_(other.tiles_.size()) {
+    for (std::size_t i = 0; i < tiles_.size(); ++i)
+        if (other.tiles_[i]) tiles_[i] = std::make_shared<ImageData>(*other.tiles_[i]);
+}
+
+BarcTiledImageData& BarcTiledImageData::operator=(const BarcTiledImageData& other) {
+    if (this != &other) {
+        BarcTiledImageData copy(other);
+        TiledImageData::operator=(copy);
+        tilesX_ = copy.tilesX_;
+        tilesY_ = copy.tilesY_;
+        presentTiles_ = copy.presentTiles_;
+        tiles_ = std::move(copy.tiles_);
+    }
+    return *this;
+}
+
+BarcTiledImageData::~BarcTiledImageData() = default;
+
+bool BarcTiledImageData::hasTile(int index) const {
+    return index >= 0 && static_cast<std::size_t>(index) < tiles_.size() && tiles_[index] != nullptr;
+}
+
+const BarcTiledImageData::Pixel* BarcTiledImageData::tilePixels(int tx, int ty) const {
+    if (tx < 0 || ty < 0 || tx >= tilesX_ || ty >= tilesY_) return nullptr;
+    const ImageData* t = tileAt(tx, ty);
+    return t ? t->data() : nullptr;
+}
+
+uint64_t BarcTiledImageData::heldBytes() const {
+    return uint64_t(presentTiles_) * BarcOps::kTileBytes + tiles_.capacity() * sizeof(tiles_[0]);
+}
+
+BarcTiledImageData::ImageData* BarcTiledImageData::touchTile(int tx, int ty) {
+    auto& tile = tiles_[static_cast<std::size_t>(ty) * tilesX_ + tx];
+    if (!tile) {
+        tile = BarcOps::newTile(*this);
+        ++presentTiles_;
+    }
+    return tile.get();
+}
+
+void BarcTiledImageData::releaseTile(int tx, int ty) {
+    auto& tile = tiles_[static_cast<std::size_t>(ty) * tilesX_ + tx];
+    if (tile) {
+        tile.reset();
+        --presentTiles_;
+    }
+}
+
+void BarcTiledImageData::resetTiles(const Pixel& fill) {
+    for (auto& t : tiles_) t.reset();
+    presentTiles_ = 0;
+    fill_ = fill;
+}
+
+void BarcTiledImageData::installTile(int tx, int ty, std::shared_ptr<ImageData> tile) {
+    auto& slot = tiles_[static_cast<std::size_t>(ty) * tilesX_ + tx];
+    if (!slot) ++presentTiles_;
+    slot = std::move(tile);
+}
+
+BarcTiledImageData::Pixel BarcTiledImageData::getPixel(int x, int y) const { return BarcOps::getPixel(*this, x, y); }
+void BarcTiledImageData::setPixel(const Pixel& value, int x, int y) { BarcOps::setPixel(*this, value, x, y); }
+BarcTiledImageData::ImageData::Ptr BarcTiledImageData::readRect(_Rect<int> r) const { return BarcOps::readRect(*this, r); }
+void BarcTiledImageData::writeRect(const ImageData& src, _Rect<int> srcRect, _Point<int> at) {
+    BarcOps::writeRect(*this, src, srcRect, at);
+}
+void BarcTiledImageData::fillRoi(_Rect<int> r, const Pixel& value) { BarcOps::fillRoi(*this, r, value); }
+void BarcTiledImageData::setFillWith(const Pixel& value) { resetTiles(value); }
+
+}  // namespace zorl
