@@ -5,9 +5,12 @@
 
 #include <string_view>
 
+#include <imageprocessing/export.h>
+
 namespace zorl {
 
-void logError(std::string_view signature, std::string_view message);
+// Exported (though the header is private) so that the tests and the tools share the format.
+ZORL_IP_EXPORT void logError(std::string_view signature, std::string_view message);
 
 // Logs message and returns false when ptr is null (or an empty smart pointer).
 template <class P>
@@ -26,7 +29,7 @@ inline bool checkThat(bool condition, std::string_view signature, std::string_vi
 
 // Reports a broken internal expectation (file, line and expression) as an error line
 // and carries on: a shared library never aborts its host.
-void reportAssertion(const char* file, int line, const char* expression);
+ZORL_IP_EXPORT void reportAssertion(const char* file, int line, const char* expression);
 
 }  // namespace zorl
 

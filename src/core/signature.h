@@ -25,6 +25,13 @@ template <> struct TypeName<long> { static std::string get() { return "__int64";
 template <> struct TypeName<long long> { static std::string get() { return "__int64"; } };
 template <> struct TypeName<unsigned long> { static std::string get() { return "unsigned __int64"; } };
 template <> struct TypeName<unsigned long long> { static std::string get() { return "unsigned __int64"; } };
+template <> struct TypeName<void> { static std::string get() { return "void"; } };
+template <> struct TypeName<char> { static std::string get() { return "char"; } };
+template <> struct TypeName<short> { static std::string get() { return "short"; } };
+
+// Qualifiers and pointers in the same spelling: "const float *", "unsigned char *".
+template <class T> struct TypeName<const T> { static std::string get() { return "const " + TypeName<T>::get(); } };
+template <class T> struct TypeName<T*> { static std::string get() { return TypeName<T>::get() + " *"; } };
 
 #define ZORL_SIG_PIXEL_NAME(P)                                                                 \
     template <class T>                                                                         \

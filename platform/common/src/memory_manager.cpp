@@ -56,29 +56,42 @@ LargeBlockCache& cache() {
 
 std::size_t roundUp(std::size_t n, std::size_t to) { return (n + to - 1) / to * to; }
 
+// A fresh mapping whose start lies on a huge-page boundary, so that the kernel can back
+// the whole block with huge pages from the first byte: over-map by one huge page, then
+// give back the unaligned head and the unused tail.
 void* mapFresh(std::size_t mapped) {
-    void* p = ::mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    const bool huge = mapped >= kHugePageBytes;
+    const std::size_t span = huge ? mapped + kHugePageBytes : mapped;
+    void* p = ::mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (p == MAP_FAILED) throw std::bad_alloc();
+    if (!huge) return p;
+    const auto start = reinterpret_cast<std::uintptr_t>(p);
+    const std::uintptr_t aligned = roundUp(start, kHugePageBytes);
+    if (aligned > start) ::munmap(p, aligned - start);
+    const std::uintptr_t end = aligned + mapped;
+    if (start + span > end) ::munmap(reinterpret_cast<void*>(end), start + span - end);
 #ifdef MADV_HUGEPAGE
-    if (mapped >= kHugePageBytes) ::madvise(p, mapped, MADV_HUGEPAGE);
+    ::madvise(reinterpret_cast<void*>(aligned), mapped, MADV_HUGEPAGE);
 #endif
-    return p;
+    return reinterpret_cast<void*>(aligned);
 }
 
-// A cached mapping that fits: large enough, and not more than twice the need.
+// The smallest cached mapping that fits: large enough, and not more than twice the need
+// (a bigger one would keep too much memory busy for a small request).
 void* takeFromCache(std::size_t mapped, std::size_t& gotMapped) {
     LargeBlockCache& c = cache();
     std::lock_guard<std::mutex> lock(c.mutex);
+    auto best = c.blocks.end();
     for (auto it = c.blocks.begin(); it != c.blocks.end(); ++it) {
-        if (it->mapped >= mapped && it->mapped <= 2 * mapped) {
-            void* base = it->base;
-            gotMapped = it->mapped;
-            c.bytes -= it->mapped;
-            c.blocks.erase(it);
-            return base;
-        }
+        if (it->mapped >= mapped && it->mapped <= 2 * mapped && (best == c.blocks.end() || it->mapped < best->mapped))
+            best = it;
     }
-    return nullptr;
+    if (best == c.blocks.end()) return nullptr;
+    void* base = best->base;
+    gotMapped = best->mapped;
+    c.bytes -= best->mapped;
+    c.blocks.erase(best);
+    return base;
 }
 
 void giveToCache(void* base, std::size_t mapped) {
@@ -159,6 +172,12 @@ std::size_t MemoryManager::cachedBytes() const {
     LargeBlockCache& c = cache();
     std::lock_guard<std::mutex> lock(c.mutex);
     return c.bytes;
+}
+
+std::size_t MemoryManager::cachedBlocks() const {
+    LargeBlockCache& c = cache();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    return c.blocks.size();
 }
 
 void MemoryManager::trimCache() {

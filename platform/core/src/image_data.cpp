@@ -18,6 +18,8 @@ constexpr int kImageStreamVersion = 1;
 // zlib cannot expand data by more than about 1032:1; a stored raw size beyond that many
 // times the compressed length is a lie and is refused before anything is allocated.
 constexpr uint64_t kZlibMaxRatio = 1032;
+// Largest pixel payload of one image (4 EiB): keeps every byte count far from overflow.
+constexpr uint64_t kMaxPixelBytes = uint64_t(1) << 62;
 
 _Size<int> nonNegative(_Size<int> s) { return {std::max(0, s.width), std::max(0, s.height)}; }
 
@@ -26,7 +28,7 @@ _Size<int> nonNegative(_Size<int> s) { return {std::max(0, s.width), std::max(0,
 template <class T>
 void _ImageData<T>::allocate() {
     const std::size_t n = pixelCount();
-    if (n > (std::size_t(1) << 62) / sizeof(T)) throw std::bad_alloc();
+    if (n > kMaxPixelBytes / sizeof(T)) throw std::bad_alloc();
     pixels_ = n ? reinterpret_cast<T*>(MemoryManager::instance().allocate(n * sizeof(T), false)) : nullptr;
 }
 
@@ -173,7 +175,10 @@ _ImageData<T>::_ImageData(const std::shared_ptr<Decoder>& decoder) {
         throw DecodeError("image data: bad load state");
     if (!decoder->decodeInt(compression) || (compression != 0 && compression != 1))
         throw DecodeError("image data: bad compression");
-    if (!decoder->decodeUint64(raw) || raw != static_cast<uint64_t>(_Size<int>{w, h}.area()) * sizeof(T))
+    // w and h are at most 2^31 - 1, so the area fits in 64 bits; its byte count may not.
+    const uint64_t area = static_cast<uint64_t>(_Size<int>{w, h}.area());
+    if (area > kMaxPixelBytes / sizeof(T)) throw DecodeError("image data: size too large");
+    if (!decoder->decodeUint64(raw) || raw != area * sizeof(T))
         throw DecodeError("image data: pixel byte count does not match the size");
     uint64_t packedLen = 0;
     if (compression == 1 && raw > 0) {

@@ -10,7 +10,11 @@ namespace zorl {
 MaskImage::MaskImage(_Size<int> size, float fill) : _ImageData<float>(size, fill, ColorProfileType::None()) {}
 
 MaskImage::MaskImage(const float* pixels, _Size<int> size) : _ImageData<float>(size, ColorProfileType::None()) {
-    if (pixels && byteCount()) std::memcpy(data(), pixels, byteCount());
+    if (!byteCount()) return;
+    if (pixels)
+        std::memcpy(data(), pixels, byteCount());
+    else
+        std::fill_n(data(), pixelCount(), 0.0f);  // no source: an empty selection
 }
 
 MaskImage::MaskImage(const std::shared_ptr<Decoder>& decoder) : _ImageData<float>(decoder) {}

@@ -5,7 +5,9 @@
 // mapped directly with transparent huge pages advised, and a freed large block is kept
 // in a small cache so that the next request of a similar size skips the page faults of
 // fresh memory. The cache holds at most kCacheMaxBlocks blocks and kCacheMaxBytes bytes;
-// the oldest block goes first when either limit would be passed. trimCache() empties it.
+// the oldest block goes first when either limit would be passed; a request takes the
+// smallest cached block that is at least as large and at most twice as large. Mappings
+// of 2 MiB or more start on a huge-page boundary. trimCache() empties the cache.
 //
 // allocate(bytes, zeroed): zeroed = true returns memory filled with zero bytes.
 // Thread-safe. Exhaustion throws std::bad_alloc; callers do not test for null.
@@ -36,6 +38,7 @@ public:
 
     // Memory kept for reuse, not held by any caller.
     std::size_t cachedBytes() const;
+    std::size_t cachedBlocks() const;
     void trimCache();
 
     MemoryManager(const MemoryManager&) = delete;

@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <type_traits>
 
+#include <zorl/core/export.h>  // default visibility of the templates, see pixel.h
+
 namespace zorl {
 
 template <class T>
-struct _Size {
+struct ZORL_CORE_EXPORT _Size {
     T width{};
     T height{};
 
@@ -24,7 +26,7 @@ struct _Size {
 };
 
 template <class T>
-struct _Point {
+struct ZORL_CORE_EXPORT _Point {
     T x{};
     T y{};
 
@@ -36,7 +38,7 @@ struct _Point {
 };
 
 template <class T>
-struct _Rect {
+struct ZORL_CORE_EXPORT _Rect {
     T x{};
     T y{};
     T width{};

@@ -13,6 +13,7 @@ public:
     using Ptr = std::shared_ptr<MaskImage>;
 
     MaskImage(_Size<int> size, float fill);
+    // Copies width x height floats from pixels; a null pixels gives an all-zero mask.
     MaskImage(const float* pixels, _Size<int> size);
     MaskImage(const MaskImage& other) = default;
     MaskImage& operator=(const MaskImage& other) = default;

@@ -7,34 +7,40 @@
 #include <limits>
 #include <type_traits>
 
+#include <zorl/core/export.h>
+
+// The pixel and geometry templates carry default visibility: with hidden visibility a
+// template instantiated over a hidden type is itself hidden, so without it
+// _ImageData<PixelRGB<float>> (and every exported function template over a pixel type)
+// would silently stay inside its library.
 namespace zorl {
 
 template <class T>
-struct PixelRGB {
+struct ZORL_CORE_EXPORT PixelRGB {
     T r, g, b;
     bool operator==(const PixelRGB&) const = default;
 };
 
 template <class T>
-struct PixelRGBA {
+struct ZORL_CORE_EXPORT PixelRGBA {
     T r, g, b, a;
     bool operator==(const PixelRGBA&) const = default;
 };
 
 template <class T>
-struct PixelARGB {
+struct ZORL_CORE_EXPORT PixelARGB {
     T a, r, g, b;
     bool operator==(const PixelARGB&) const = default;
 };
 
 template <class T>
-struct PixelBGR {
+struct ZORL_CORE_EXPORT PixelBGR {
     T b, g, r;
     bool operator==(const PixelBGR&) const = default;
 };
 
 template <class T>
-struct PixelBGRA {
+struct ZORL_CORE_EXPORT PixelBGRA {
     T b, g, r, a;
     bool operator==(const PixelBGRA&) const = default;
 };

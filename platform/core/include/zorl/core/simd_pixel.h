@@ -50,14 +50,16 @@ struct pixel_rgb_t {
     pixel_rgb_t(__m128 x) : v(x) {}
 
     static pixel_rgb_t load(const float* base, std::size_t index) {
+        // Two 8-byte-or-less accesses: a 16-byte load would read the next pixel, or past
+        // the end of the plane. The 64-bit moves are unaligned-safe and alias-safe.
         const float* p = base + 3 * index;
-        const __m128 rg = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(p)));
+        const __m128 rg = _mm_castsi128_ps(_mm_loadu_si64(p));
         const __m128 b = _mm_load_ss(p + 2);
         return _mm_movelh_ps(rg, b);
     }
     static void store(float* base, std::size_t index, const pixel_rgb_t& p) {
         float* d = base + 3 * index;
-        _mm_store_sd(reinterpret_cast<double*>(d), _mm_castps_pd(p.v));
+        _mm_storeu_si64(d, _mm_castps_si128(p.v));
         _mm_store_ss(d + 2, _mm_movehl_ps(p.v, p.v));
     }
 

@@ -32,6 +32,8 @@ public:
     logstream& operator<<(unsigned long long value);
     logstream& operator<<(int value) { return *this << static_cast<long long>(value); }
     logstream& operator<<(unsigned value) { return *this << static_cast<unsigned long long>(value); }
+    logstream& operator<<(long value) { return *this << static_cast<long long>(value); }
+    logstream& operator<<(unsigned long value) { return *this << static_cast<unsigned long long>(value); }
     logstream& operator<<(double value);
 
     LogMessageType type() const { return type_; }
