@@ -12,3 +12,7 @@
 #include <zorl/core/simd_pixel.h>
 #include <zorl/core/tiled_image_data.h>
 #include <zorl/core/types.h>
+#include <zorl/core/affine_transform.h>
+#include <zorl/core/crop_description.h>
+#include <zorl/core/image.h>
+#include <zorl/core/image_transform_settings.h>
