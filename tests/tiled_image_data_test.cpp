@@ -6,11 +6,13 @@
 
 #include <cstring>
 #include <functional>
+#include <tuple>
 
 #include <memory>
 #include <random>
 #include <vector>
 
+#include <imageprocessing/blending.h>
 #include <imageprocessing/tiled_image_data_stores.h>
 
 #include "support/test_support.h"
@@ -273,6 +275,180 @@ TEST(KelSupertiles, ExistOnlyWhileOneOfTheirTilesDoes) {
     EXPECT_EQ(s.presentSupertileCount(), 3);
     s.setFillWith(kFill);
     EXPECT_EQ(s.presentSupertileCount(), 0);
+}
+
+// ---- blends ----
+
+std::shared_ptr<_ImageData<float>> noiseMask(_Size<int> size, uint32_t seed) {
+    auto m = std::make_shared<_ImageData<float>>(size, nullptr);
+    const std::vector<float> v = test::noise(m->pixelCount(), seed);
+    std::memcpy(m->data(), v.data(), v.size() * sizeof(float));
+    return m;
+}
+
+// A store with a few patches: some tiles present, most absent.
+template <class Store>
+Store patchedStore(_Size<int> size, Pixel fill, uint32_t seed) {
+    Store s(size, fill, ColorProfileType::sRGB());
+    std::mt19937 rng(seed);
+    for (int k = 0; k < 3; ++k) {
+        const auto patch = noiseImage({40 + int(rng() % 60), 30 + int(rng() % 40)}, seed * 10 + k);
+        s.writeRect(*patch, kNoRegion, {int(rng() % size.width) - 20, int(rng() % size.height) - 20});
+    }
+    return s;
+}
+
+TYPED_TEST(TiledStoreTest, BlendWithTiledImageDataEqualsTheDenseBlend) {
+    const _Size<int> size{3 * TypeParam::kTileSide - 30, 2 * TypeParam::kTileSide - 7};
+    const auto mask = noiseMask(size, 5);
+    struct Case {
+        bool withMask;
+        Pixel layerFill;
+        float opacity;
+    };
+    const Case cases[] = {{false, kFill, 0.6f},          {false, {0.9f, 0.1f, 0.0f}, 0.35f},
+                          {true, kFill, 0.8f},           {true, {0.9f, 0.1f, 0.0f}, 1.0f},
+                          {false, {0.f, 0.f, 0.f}, 0.0f}, {true, {1.f, 1.f, 1.f}, 0.5f}};
+    test::MemoryBalance balance;
+    for (const Case& c : cases) {
+        TypeParam base = patchedStore<TypeParam>(size, kFill, 1);
+        const TypeParam layer = patchedStore<TypeParam>(size, c.layerFill, 2);
+        const auto denseBase = base.readRect(kNoRegion);
+        const auto denseLayer = layer.readRect(kNoRegion);
+        std::shared_ptr<Image> expected = std::make_shared<Image>(*denseBase);
+        blendImages(denseLayer, denseBase, expected, c.withMask ? mask : nullptr, c.opacity, BlendModeType::Normal,
+                    kNoRegion);
+        const int before = base.presentTileCount();
+        base.blendWithTiledImageData(layer, c.withMask ? mask : nullptr, c.opacity);
+        const auto got = base.readRect(kNoRegion);
+        EXPECT_EQ(std::memcmp(got->data(), expected->data(), got->byteCount()), 0)
+            << "mask " << c.withMask << " opacity " << c.opacity;
+        if (!c.withMask) EXPECT_LE(base.presentTileCount(), before + layer.presentTileCount());
+    }
+    EXPECT_TRUE(balance.balanced());
+}
+
+TYPED_TEST(TiledStoreTest, BlendWithItselfChangesNothing) {
+    TypeParam s = patchedStore<TypeParam>({300, 200}, kFill, 3);
+    const auto before = s.readRect(kNoRegion);
+    s.blendWithTiledImageData(s, nullptr, 0.5f);
+    const auto after = s.readRect(kNoRegion);
+    EXPECT_EQ(std::memcmp(before->data(), after->data(), before->byteCount()), 0);
+}
+
+TYPED_TEST(TiledStoreTest, BlendsRejectMismatchedInputs) {
+    const std::string cls = std::is_same_v<TypeParam, KelTiledImageData> ? "zorl::KelTiledImageData" : "zorl::BarcTiledImageData";
+    const std::string tiledSig = "void __cdecl " + cls + "::blendWithTiledImageData(const class " + cls +
+                                 " &,const class std::shared_ptr<class zorl::_ImageData<float> const > &,float)";
+    const std::string imageSig = "void __cdecl " + cls +
+                                 "::blendWithImageData(const class std::shared_ptr<class zorl::_ImageData<struct "
+                                 "zorl::PixelRGB<float> > const > &,const struct zorl::ResizeParameters &,const class "
+                                 "std::shared_ptr<class zorl::_ImageData<float> const > &,float)";
+    TypeParam s = patchedStore<TypeParam>({300, 200}, kFill, 4);
+    const auto before = s.readRect(kNoRegion);
+    const TypeParam other({301, 200}, kFill, nullptr);
+    const auto img = noiseImage({50, 40}, 9);
+    struct Case {
+        std::function<void()> call;
+        std::string line;
+    };
+    const std::vector<Case> cases = {
+        {[&] { s.blendWithTiledImageData(other, nullptr, 1.f); }, tiledSig + ": Images have different sizes"},
+        {[&] { s.blendWithTiledImageData(s, noiseMask({300, 199}, 1), 1.f); }, tiledSig + ": Mask has wrong size!"},
+        {[&] { s.blendWithImageData(nullptr, {{50, 40}, {0, 0, 50, 40}, true}, nullptr, 1.f); }, imageSig + ": Image is null"},
+        {[&] { s.blendWithImageData(img, {{50, 41}, {0, 0, 50, 40}, true}, nullptr, 1.f); },
+         imageSig + ": Image size differs from the resize parameters"},
+        {[&] { s.blendWithImageData(img, {{50, 40}, {0, 0, 0, 40}, true}, nullptr, 1.f); },
+         imageSig + ": Image size differs from the resize parameters"},
+        {[&] { s.blendWithImageData(img, {{50, 40}, {0, 0, 50, 40}, true}, noiseMask({40, 50}, 1), 1.f); },
+         imageSig + ": Mask has wrong size!"},
+    };
+    for (const Case& c : cases) {
+        test::LogCapture log;
+        c.call();
+        EXPECT_EQ(log.lines(), std::vector<std::string>{c.line});
+    }
+    const auto after = s.readRect(kNoRegion);
+    EXPECT_EQ(std::memcmp(before->data(), after->data(), before->byteCount()), 0);
+}
+
+// blendWithImageData against a plain double-precision loop over the documented rule.
+TYPED_TEST(TiledStoreTest, BlendWithImageDataFollowsTheResamplingRule) {
+    // The store computes sample positions in float: |u| <= 300 here carries up to about
+    // 300 * 2^-22 = 7e-5 pixels of error, and noise changes by at most 1 per pixel.
+    constexpr double kInterpolationTolerance = 1e-4;
+    const _Size<int> size{2 * TypeParam::kTileSide + 50, TypeParam::kTileSide + 40};
+    struct Case {
+        ResizeParameters rp;
+        bool withMask;
+        float opacity;
+    };
+    const Case cases[] = {
+        {{{90, 70}, {TypeParam::kTileSide - 45, 20, 90, 70}, true}, false, 0.7f},    // equal sizes: a copy
+        {{{60, 50}, {TypeParam::kTileSide - 100, 30, 250, 140}, true}, true, 1.0f},  // enlarged, bilinear
+        {{{60, 50}, {-40, size.height - 60, 250, 140}, false}, true, 0.5f},          // nearest, clipped
+        {{{300, 200}, {10, 10, 100, 60}, true}, false, 1.0f},                        // reduced
+    };
+    for (const Case& c : cases) {
+        TypeParam s = patchedStore<TypeParam>(size, kFill, 6);
+        const auto dense = s.readRect(kNoRegion);
+        const auto img = noiseImage(c.rp.size, 11);
+        const auto mask = c.withMask ? noiseMask(c.rp.size, 12) : nullptr;
+        s.blendWithImageData(img, c.rp, mask, c.opacity);
+        const auto got = s.readRect(kNoRegion);
+        const double sx = double(c.rp.size.width) / c.rp.rect.width, sy = double(c.rp.size.height) / c.rp.rect.height;
+        auto sample = [&](auto&& value, double u, int n) {
+            // returns (i0, i1, f) along one axis
+            (void)value;
+            if (!c.rp.resizeFlag) {
+                const int i = std::clamp(int(std::floor(u + 0.5)), 0, n - 1);
+                return std::tuple<int, int, double>(i, i, 0.0);
+            }
+            const double cl = std::clamp(u, 0.0, double(n - 1));
+            const int i0 = int(cl);
+            return std::tuple<int, int, double>(i0, std::min(i0 + 1, n - 1), cl - i0);
+        };
+        double worst = 0;
+        for (int y = 0; y < size.height; ++y)
+            for (int x = 0; x < size.width; ++x) {
+                const Pixel b = dense->at(x, y);
+                double expect[3] = {b.r, b.g, b.b};
+                if (c.rp.rect.contains(x, y)) {
+                    const auto [x0, x1, fx] = sample(0, (x - c.rp.rect.x + 0.5) * sx - 0.5, c.rp.size.width);
+                    const auto [y0, y1, fy] = sample(0, (y - c.rp.rect.y + 0.5) * sy - 0.5, c.rp.size.height);
+                    auto lerp = [&](auto get) {
+                        const double top = get(x0, y0) + (get(x1, y0) - get(x0, y0)) * fx;
+                        const double bottom = get(x0, y1) + (get(x1, y1) - get(x0, y1)) * fx;
+                        return top + (bottom - top) * fy;
+                    };
+                    const double alpha = c.opacity * (mask ? lerp([&](int i, int j) { return double(mask->at(i, j)); }) : 1.0);
+                    const double a[3] = {lerp([&](int i, int j) { return double(img->at(i, j).r); }),
+                                         lerp([&](int i, int j) { return double(img->at(i, j).g); }),
+                                         lerp([&](int i, int j) { return double(img->at(i, j).b); })};
+                    for (int k = 0; k < 3; ++k) expect[k] = expect[k] + (a[k] - expect[k]) * alpha;
+                }
+                const Pixel g = got->at(x, y);
+                worst = std::max({worst, std::abs(g.r - expect[0]), std::abs(g.g - expect[1]), std::abs(g.b - expect[2])});
+            }
+        EXPECT_LE(worst, kInterpolationTolerance) << c.rp.rect.x << "," << c.rp.rect.y;
+    }
+}
+
+TEST(KelModifiedFlags, BlendsSetTheFlagsOfTheTilesTheyChange) {
+    constexpr int side = KelTiledImageData::kTileSide;
+    KelTiledImageData base({4 * side, 2 * side}, kFill, ColorProfileType::sRGB());
+    KelTiledImageData layer({4 * side, 2 * side}, kFill, ColorProfileType::sRGB());
+    layer.setPixel({1, 1, 1}, side + 3, side + 3);  // tile 5
+    base.blendWithTiledImageData(layer, nullptr, 0.5f);
+    EXPECT_EQ(base.modifiedTiles(), std::vector<int>{5});
+    base.clearModified();
+    base.blendWithImageData(noiseImage({10, 10}, 1), {{10, 10}, {side - 5, 0, 10, 10}, true}, nullptr, 1.f);
+    EXPECT_EQ(base.modifiedTiles(), (std::vector<int>{0, 1}));
+    base.clearModified();
+    // A different fill colour changes every pixel: every tile is modified.
+    layer.setFillWith({0, 0, 0});
+    base.blendWithTiledImageData(layer, nullptr, 0.5f);
+    EXPECT_EQ(base.modifiedTiles().size(), std::size_t(base.tileCount()));
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include <imageprocessing/export.h>
 #include <zorl/core/codec.h>
 #include <zorl/core/image_data.h>
+#include <zorl/core/image_transform_settings.h>
 #include <zorl/core/tiled_image_data.h>
 
 namespace zorl {
@@ -56,6 +57,23 @@ public:
     void fillRoi(_Rect<int> r, const Pixel& value) override;
     void setFillWith(const Pixel& value) override;
 
+    // Blends `layer` (same scheme and size) over this store, mode Normal: tile by tile
+    // through blendImages, this store's tiles as base and result. mask (optional, the
+    // store's size) weights each pixel, times opacity. Tiles absent in both stay absent:
+    // without a mask the fill colour becomes the blend of the two fill colours. A size
+    // mismatch is logged ("Images have different sizes", "Mask has wrong size!") and
+    // nothing changes. layer may be this store.
+    void blendWithTiledImageData(const KelTiledImageData& layer, const std::shared_ptr<const _ImageData<float>>& mask,
+                                 float opacity);
+    // Blends `image`, which shows the canvas rectangle rp.rect of this store at rp.size,
+    // into the tiles of that rectangle (mode Normal, optional mask of the image's size,
+    // opacity). Store pixel (x, y) reads the image at u = (x - rect.x + 0.5) * size.w /
+    // rect.w - 0.5 (v likewise): bilinear with edges clamped when rp.resizeFlag, else the
+    // nearest pixel; equal sizes copy exactly. A null image, an image not of rp.size, an
+    // empty rp or a mask of another size is logged and nothing changes.
+    void blendWithImageData(const std::shared_ptr<const ImageData>& image, const ResizeParameters& rp,
+                            const std::shared_ptr<const _ImageData<float>>& mask, float opacity);
+
     // Modified flags, by tile index.
     bool isTileModified(int index) const;
     std::vector<int> modifiedTiles() const;  // ascending
@@ -75,10 +93,11 @@ private:
         return st ? st->tiles[(ty % kSupertileTiles) * kSupertileTiles + tx % kSupertileTiles].get() : nullptr;
     }
     // The tile, made filled with the fill colour when absent; its modified flag is set.
-    ImageData* touchTile(int tx, int ty);
+    const std::shared_ptr<ImageData>& touchTile(int tx, int ty);
     void releaseTile(int tx, int ty);
     void resetTiles(const Pixel& fill);
     void installTile(int tx, int ty, std::shared_ptr<ImageData> tile);
+    void markAllModified();
 
     int tilesX_ = 0, tilesY_ = 0, superX_ = 0, superY_ = 0;
     int presentTiles_ = 0;
@@ -110,6 +129,23 @@ public:
     void fillRoi(_Rect<int> r, const Pixel& value) override;
     void setFillWith(const Pixel& value) override;
 
+    // Blends `layer` (same scheme and size) over this store, mode Normal: tile by tile
+    // through blendImages, this store's tiles as base and result. mask (optional, the
+    // store's size) weights each pixel, times opacity. Tiles absent in both stay absent:
+    // without a mask the fill colour becomes the blend of the two fill colours. A size
+    // mismatch is logged ("Images have different sizes", "Mask has wrong size!") and
+    // nothing changes. layer may be this store.
+    void blendWithTiledImageData(const BarcTiledImageData& layer, const std::shared_ptr<const _ImageData<float>>& mask,
+                                 float opacity);
+    // Blends `image`, which shows the canvas rectangle rp.rect of this store at rp.size,
+    // into the tiles of that rectangle (mode Normal, optional mask of the image's size,
+    // opacity). Store pixel (x, y) reads the image at u = (x - rect.x + 0.5) * size.w /
+    // rect.w - 0.5 (v likewise): bilinear with edges clamped when rp.resizeFlag, else the
+    // nearest pixel; equal sizes copy exactly. A null image, an image not of rp.size, an
+    // empty rp or a mask of another size is logged and nothing changes.
+    void blendWithImageData(const std::shared_ptr<const ImageData>& image, const ResizeParameters& rp,
+                            const std::shared_ptr<const _ImageData<float>>& mask, float opacity);
+
 private:
     template <class Store>
     friend struct detail::TiledStoreOps;
@@ -117,10 +153,11 @@ private:
     const ImageData* tileAt(int tx, int ty) const {
         return tiles_[static_cast<std::size_t>(ty) * tilesX_ + tx].get();
     }
-    ImageData* touchTile(int tx, int ty);
+    const std::shared_ptr<ImageData>& touchTile(int tx, int ty);
     void releaseTile(int tx, int ty);
     void resetTiles(const Pixel& fill);
     void installTile(int tx, int ty, std::shared_ptr<ImageData> tile);
+    void markAllModified() {}
 
     int tilesX_ = 0, tilesY_ = 0;
     int presentTiles_ = 0;

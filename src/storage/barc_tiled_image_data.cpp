@@ -54,13 +54,13 @@ uint64_t BarcTiledImageData::heldBytes() const {
     return uint64_t(presentTiles_) * BarcOps::kTileBytes + tiles_.capacity() * sizeof(tiles_[0]);
 }
 
-BarcTiledImageData::ImageData* BarcTiledImageData::touchTile(int tx, int ty) {
+const std::shared_ptr<BarcTiledImageData::ImageData>& BarcTiledImageData::touchTile(int tx, int ty) {
     auto& tile = tiles_[static_cast<std::size_t>(ty) * tilesX_ + tx];
     if (!tile) {
         tile = BarcOps::newTile(*this);
         ++presentTiles_;
     }
-    return tile.get();
+    return tile;
 }
 
 void BarcTiledImageData::releaseTile(int tx, int ty) {
@@ -91,5 +91,15 @@ void BarcTiledImageData::writeRect(const ImageData& src, _Rect<int> srcRect, _Po
 }
 void BarcTiledImageData::fillRoi(_Rect<int> r, const Pixel& value) { BarcOps::fillRoi(*this, r, value); }
 void BarcTiledImageData::setFillWith(const Pixel& value) { resetTiles(value); }
+
+void BarcTiledImageData::blendWithTiledImageData(const BarcTiledImageData& layer,
+                                                 const std::shared_ptr<const _ImageData<float>>& mask, float opacity) {
+    BarcOps::blendWithTiledImageData(*this, layer, mask, opacity);
+}
+
+void BarcTiledImageData::blendWithImageData(const std::shared_ptr<const ImageData>& image, const ResizeParameters& rp,
+                                            const std::shared_ptr<const _ImageData<float>>& mask, float opacity) {
+    BarcOps::blendWithImageData(*this, image, rp, mask, opacity);
+}
 
 }  // namespace zorl

@@ -76,7 +76,7 @@ uint64_t KelTiledImageData::heldBytes() const {
            supertiles_.capacity() * sizeof(supertiles_[0]) + modified_.capacity();
 }
 
-KelTiledImageData::ImageData* KelTiledImageData::touchTile(int tx, int ty) {
+const std::shared_ptr<KelTiledImageData::ImageData>& KelTiledImageData::touchTile(int tx, int ty) {
     auto& st = supertiles_[static_cast<std::size_t>(ty / kSupertileTiles) * superX_ + tx / kSupertileTiles];
     if (!st) st = std::make_unique<Supertile>();
     auto& tile = st->tiles[(ty % kSupertileTiles) * kSupertileTiles + tx % kSupertileTiles];
@@ -86,7 +86,7 @@ KelTiledImageData::ImageData* KelTiledImageData::touchTile(int tx, int ty) {
         ++presentTiles_;
     }
     modified_[static_cast<std::size_t>(ty) * tilesX_ + tx] = 1;
-    return tile.get();
+    return tile;
 }
 
 void KelTiledImageData::releaseTile(int tx, int ty) {
@@ -143,5 +143,17 @@ void KelTiledImageData::clearModified() { std::fill(modified_.begin(), modified_
 void KelTiledImageData::clearModified(int index) {
     if (index >= 0 && static_cast<std::size_t>(index) < modified_.size()) modified_[index] = 0;
 }
+
+void KelTiledImageData::blendWithTiledImageData(const KelTiledImageData& layer,
+                                                 const std::shared_ptr<const _ImageData<float>>& mask, float opacity) {
+    KelOps::blendWithTiledImageData(*this, layer, mask, opacity);
+}
+
+void KelTiledImageData::blendWithImageData(const std::shared_ptr<const ImageData>& image, const ResizeParameters& rp,
+                                            const std::shared_ptr<const _ImageData<float>>& mask, float opacity) {
+    KelOps::blendWithImageData(*this, image, rp, mask, opacity);
+}
+
+void KelTiledImageData::markAllModified() { std::fill(modified_.begin(), modified_.end(), uint8_t(1)); }
 
 }  // namespace zorl

@@ -9,12 +9,15 @@
 // parts in parallel, one task per tile part, so no two tasks ever share a tile.
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <string>
 #include <type_traits>
 #include <vector>
 
+#include <imageprocessing/blending.h>
 #include <imageprocessing/tiled_image_data_stores.h>
+#include <zorl/core/image_transform_settings.h>
 
 #include "core/error_log.h"
 #include "core/parallel.h"
@@ -117,7 +120,7 @@ struct TiledStoreOps {
     // Materialises the tiles r touches (serial), returning them with their parts.
     static std::vector<WritePart> touchTiles(Store& s, const _Rect<int>& r) {
         std::vector<WritePart> parts;
-        forEachTile(r, [&](int tx, int ty, const _Rect<int>& part) { parts.push_back({s.touchTile(tx, ty), part}); });
+        forEachTile(r, [&](int tx, int ty, const _Rect<int>& part) { parts.push_back({s.touchTile(tx, ty).get(), part}); });
         return parts;
     }
 
@@ -152,7 +155,7 @@ struct TiledStoreOps {
             if (value == s.fillColor() && part == tileRect(tx, ty).intersection(s.rect()))
                 s.releaseTile(tx, ty);
             else
-                parts.push_back({s.touchTile(tx, ty), part});
+                parts.push_back({s.touchTile(tx, ty).get(), part});
         });
         parallelFor(std::size_t(0), parts.size(), [&](std::size_t b, std::size_t e) {
             for (std::size_t i = b; i < e; ++i) {
@@ -167,6 +170,156 @@ struct TiledStoreOps {
 
     static std::shared_ptr<TileImage> newTile(const Store& s) {
         return std::make_shared<TileImage>(_Size<int>{kSide, kSide}, s.fillColor(), s.colorProfile());
+    }
+
+    // ---- blends --------------------------------------------------------------------
+
+    // A shared pointer that does not own: hands a tile to blendImages without copying.
+    template <class T>
+    static std::shared_ptr<const T> borrow(const T* p) {
+        return std::shared_ptr<const T>(std::shared_ptr<const T>(), p);
+    }
+
+    // Copies the part (image pixels) of a full-size mask into a tile-sized mask at the
+    // part's place in the tile; the rest of the tile mask is left as it is.
+    static void maskPart(const _ImageData<float>& mask, const _Rect<int>& part, _ImageData<float>& tileMask) {
+        for (int j = 0; j < part.height; ++j)
+            std::memcpy(tileMask.row(part.y % kSide + j) + part.x % kSide, mask.row(part.y + j) + part.x,
+                        sizeof(float) * part.width);
+    }
+
+    static bool maskIsZero(const _ImageData<float>& mask, const _Rect<int>& part) {
+        for (int y = part.y; y < part.bottom(); ++y)
+            for (int x = part.x; x < part.right(); ++x)
+                if (mask.at(x, y) != 0.0f) return false;
+        return true;
+    }
+
+    static void blendWithTiledImageData(Store& s, const Store& layerIn, const std::shared_ptr<const _ImageData<float>>& mask,
+                                        float opacity) {
+        const std::string sig = signature("void", "blendWithTiledImageData",
+                                          ("const class " + className() +
+                                           " &,const class std::shared_ptr<class zorl::_ImageData<float> const > &,float")
+                                              .c_str());
+        if (!checkThat(layerIn.size() == s.size(), sig, "Images have different sizes")) return;
+        if (mask && !checkThat(mask->size() == s.size(), sig, "Mask has wrong size!")) return;
+        // Blending a store with itself: the layer must not change under the loop.
+        std::unique_ptr<Store> selfCopy;
+        if (&layerIn == &s) selfCopy = std::make_unique<Store>(layerIn);
+        const Store& layer = selfCopy ? *selfCopy : layerIn;
+
+        const TilePixel fill = s.fillColor(), layerFill = layer.fillColor();
+        const bool fillsDiffer = !(fill == layerFill);
+        const auto layerFillTile = std::make_shared<const TileImage>(_Size<int>{kSide, kSide}, layerFill, s.colorProfile());
+        std::shared_ptr<_ImageData<float>> tileMask;
+        if (mask) tileMask = std::make_shared<_ImageData<float>>(_Size<int>{kSide, kSide}, 0.0f, nullptr);
+
+        const int nx = s.tilesX(), ny = s.tilesY();
+        for (int ty = 0; ty < ny; ++ty)
+            for (int tx = 0; tx < nx; ++tx) {
+                const TileImage* layerTile = layer.tileAt(tx, ty);
+                const _Rect<int> part = tileRect(tx, ty).intersection(s.rect());
+                if (!layerTile && !s.tileAt(tx, ty)) {
+                    // Both read as their fill colours: equal colours blend to themselves, and
+                    // without a mask the fill colour itself changes below.
+                    if (!fillsDiffer || !mask || maskIsZero(*mask, part)) continue;
+                }
+                std::shared_ptr<TileImage> base = s.touchTile(tx, ty);
+                if (mask) maskPart(*mask, part, *tileMask);
+                blendImages(layerTile ? borrow(layerTile) : layerFillTile, base, base, tileMask, opacity,
+                            BlendModeType::Normal, kNoRegion);
+            }
+        if (!mask && fillsDiffer) {
+            // The same expression as the Normal blend, so absent tiles read exactly what
+            // the blend of the dense images gives.
+            s.fill_ = {fill.r + (layerFill.r - fill.r) * opacity, fill.g + (layerFill.g - fill.g) * opacity,
+                       fill.b + (layerFill.b - fill.b) * opacity};
+            s.markAllModified();
+        }
+    }
+
+    // Value of `image` for store pixel x (or y) of rp.rect: the resampling rule of
+    // blendWithImageData (see the store header).
+    struct Axis {
+        int i0, i1;
+        float f;
+    };
+    static std::vector<Axis> axisSamples(int from, int count, int rectStart, int rectLength, int imageLength,
+                                         bool smooth) {
+        std::vector<Axis> out(count);
+        const float scale = static_cast<float>(imageLength) / static_cast<float>(rectLength);
+        for (int k = 0; k < count; ++k) {
+            const int d = from + k - rectStart;
+            if (imageLength == rectLength) {
+                out[k] = {d, d, 0.0f};
+                continue;
+            }
+            const float u = (static_cast<float>(d) + 0.5f) * scale - 0.5f;
+            if (!smooth) {
+                const int i = std::clamp(static_cast<int>(std::floor(u + 0.5f)), 0, imageLength - 1);
+                out[k] = {i, i, 0.0f};
+                continue;
+            }
+            const float c = std::clamp(u, 0.0f, static_cast<float>(imageLength - 1));
+            const int i0 = static_cast<int>(c);
+            out[k] = {i0, std::min(i0 + 1, imageLength - 1), c - static_cast<float>(i0)};
+        }
+        return out;
+    }
+
+    // Fills part (image pixels) of a tile-sized raster from src by the axis samples.
+    template <class P>
+    static void samplePart(const _ImageData<P>& src, const std::vector<Axis>& xs, const std::vector<Axis>& ys,
+                           const _Rect<int>& part, const _Rect<int>& region, _ImageData<P>& tile) {
+        for (int y = part.y; y < part.bottom(); ++y) {
+            const Axis& ay = ys[y - region.y];
+            const P* r0 = src.row(ay.i0);
+            const P* r1 = src.row(ay.i1);
+            P* out = tile.row(y % kSide);
+            for (int x = part.x; x < part.right(); ++x) {
+                const Axis& ax = xs[x - region.x];
+                out[x % kSide] = lerp2(r0[ax.i0], r0[ax.i1], r1[ax.i0], r1[ax.i1], ax.f, ay.f);
+            }
+        }
+    }
+    static float lerp2(float p00, float p10, float p01, float p11, float fx, float fy) {
+        const float top = p00 + (p10 - p00) * fx, bottom = p01 + (p11 - p01) * fx;
+        return top + (bottom - top) * fy;
+    }
+    static TilePixel lerp2(const TilePixel& p00, const TilePixel& p10, const TilePixel& p01, const TilePixel& p11,
+                           float fx, float fy) {
+        return {lerp2(p00.r, p10.r, p01.r, p11.r, fx, fy), lerp2(p00.g, p10.g, p01.g, p11.g, fx, fy),
+                lerp2(p00.b, p10.b, p01.b, p11.b, fx, fy)};
+    }
+
+    static void blendWithImageData(Store& s, const std::shared_ptr<const TileImage>& image, const ResizeParameters& rp,
+                                   const std::shared_ptr<const _ImageData<float>>& mask, float opacity) {
+        const std::string sig = signature(
+            "void", "blendWithImageData",
+            "const class std::shared_ptr<class zorl::_ImageData<struct zorl::PixelRGB<float> > const > &,const struct "
+            "zorl::ResizeParameters &,const class std::shared_ptr<class zorl::_ImageData<float> const > &,float");
+        if (!checkNotNull(image, sig, "Image is null")) return;
+        if (!checkThat(!rp.size.isEmpty() && !rp.rect.isEmpty() && image->size() == rp.size, sig,
+                       "Image size differs from the resize parameters"))
+            return;
+        if (mask && !checkThat(mask->size() == image->size(), sig, "Mask has wrong size!")) return;
+        const _Rect<int> region = rp.rect.intersection(s.rect());
+        if (region.isEmpty()) return;
+
+        const std::vector<Axis> xs =
+            axisSamples(region.x, region.width, rp.rect.x, rp.rect.width, rp.size.width, rp.resizeFlag);
+        const std::vector<Axis> ys =
+            axisSamples(region.y, region.height, rp.rect.y, rp.rect.height, rp.size.height, rp.resizeFlag);
+        const auto layer = std::make_shared<TileImage>(_Size<int>{kSide, kSide}, s.fillColor(), s.colorProfile());
+        std::shared_ptr<_ImageData<float>> tileMask;
+        if (mask) tileMask = std::make_shared<_ImageData<float>>(_Size<int>{kSide, kSide}, 0.0f, nullptr);
+        forEachTile(region, [&](int tx, int ty, const _Rect<int>& part) {
+            std::shared_ptr<TileImage> base = s.touchTile(tx, ty);
+            samplePart(*image, xs, ys, part, region, *layer);
+            if (mask) samplePart(*mask, xs, ys, part, region, *tileMask);
+            const _Rect<int> local{part.x - tx * kSide, part.y - ty * kSide, part.width, part.height};
+            blendImages(layer, base, base, tileMask, opacity, BlendModeType::Normal, local);
+        });
     }
 
     // Bytes of one present tile: its pixels and its container.
