@@ -12,3 +12,4 @@
 #include <imageprocessing/conversion.h>
 #include <imageprocessing/scaling.h>
 #include <imageprocessing/blending.h>
+#include <imageprocessing/transform_computer.h>
