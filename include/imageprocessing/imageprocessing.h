@@ -13,3 +13,4 @@
 #include <imageprocessing/scaling.h>
 #include <imageprocessing/blending.h>
 #include <imageprocessing/transform_computer.h>
+#include <imageprocessing/image_data_compute_unit.h>
