@@ -1,0 +1,141 @@
+// The self-guided filter (I = p = src), the nine steps of the two-image filter fused into
+// three band-parallel passes:
+//   1. coefficients: the window sums of I and I^2 (two line buffers per band) give
+//      m = sum(I) / N and var = sum(I^2) / N - m^2, then a = var / (var + regulariser) and
+//      b = m - a * m; a goes to dst (used as scratch) or, in place, to a third plane;
+//      b goes to plane B;
+//   2. A = mean(a) into plane A (the built-in box mean);
+//   3. dst = A * src + mean(B), the mean of B summed on the fly in the same band order.
+// Two scratch planes out of place, three in place; an in-place call does the same
+// arithmetic on the same values, so its result is identical.
+
+#include <algorithm>
+#include <array>
+#include <optional>
+
+#include <zorl/common/managed_memory.h>
+
+#include "core/parallel.h"
+#include "imageprocessing/guided_filter/band_window.h"
+#include "imageprocessing/guided_filter/guided_kernels.h"
+
+namespace grfx::guided {
+namespace {
+
+// a = var / (var + reg) and b = m - a * m for one row of n floats (pixels x0 .. of row y).
+template <class P>
+void coefficientsRow(const float* ms, const float* mq, float* a, float* b, std::size_t pixels, const Regulariser& reg,
+                     std::size_t firstPixel) {
+    if (!reg.weight) {
+        flatLoop(0, pixels * kChannels<P>, [&](std::size_t i, auto lanes) {
+            using V = decltype(lanes);
+            const V m = load<V>(ms + i);
+            const V var = load<V>(mq + i) - m * m;
+            const V ai = var / (var + V(reg.constant));
+            store(a + i, ai);
+            store(b + i, m - ai * m);
+        });
+        return;
+    }
+    const float* w = reg.weight + firstPixel;
+    for (std::size_t x = 0; x < pixels; ++x) {
+        const P m = P::load(ms, x);
+        const P var = P::load(mq, x) - m * m;
+        const P ai = var / (var + P(reg.epsilon / w[x]));
+        P::store(a, x, ai);
+        P::store(b, x, m - ai * m);
+    }
+}
+
+// Per band: two line buffers and two row buffers.
+struct BandScratch {
+    std::array<std::size_t, kMaxBands + 1> offset{};
+    zorl::ManagedBuffer<float> buffer;
+
+    BandScratch(const Bands& bands, int r, int channels) {
+        for (int i = 0; i < bands.count; ++i)
+            offset[i + 1] = offset[i] + 2 * lineFloats(bands.band[i], r, channels) + 2 * bands.band[i].width() * channels;
+        buffer = zorl::ManagedBuffer<float>(offset[bands.count]);
+    }
+    float* at(int band) { return buffer.data() + offset[band]; }
+};
+
+}  // namespace
+
+template <class P>
+void selfGuidedCoefficients(const float* I, float* a, float* b, std::size_t width, std::size_t height, int r,
+                            const Regulariser& reg) {
+    constexpr int C = kChannels<P>;
+    const Bands bands = splitBands(width);
+    BandScratch scratch(bands, r, C);
+    const float scale = windowScale(r);
+    zorl::parallelFor(0, bands.count, [&](int first, int last) {
+        for (int i = first; i < last; ++i) {
+            const Band band = bands.band[i];
+            const std::size_t line = lineFloats(band, r, C);
+            float* sumLine = scratch.at(i);
+            float* sqLine = sumLine + line;
+            float* ms = sqLine + line;
+            float* mq = ms + band.width() * C;
+            BandWindow<P, true> window(I, width, height, r, band, sumLine, sqLine);
+            for (std::size_t y = 0; y < height; ++y) {
+                window.moveTo(y);
+                window.means(scale, ms, mq);
+                const std::size_t at = (y * width + band.x0) * C;
+                coefficientsRow<P>(ms, mq, a + at, b + at, band.width(), reg, y * width + band.x0);
+            }
+        }
+    });
+}
+
+template <class P>
+void selfGuided(const float* src, float* dst, std::size_t width, std::size_t height, int r, const Regulariser& reg) {
+    constexpr int C = kChannels<P>;
+    const bool inPlace = src == dst;
+    Plane<P> planeA(width, height);
+    Plane<P> planeB(width, height);
+    std::optional<Plane<P>> planeCoefficients;
+    if (inPlace) planeCoefficients.emplace(width, height);
+    float* a = inPlace ? planeCoefficients->get() : dst;
+
+    // Pass 1: a and b.
+    selfGuidedCoefficients<P>(src, a, planeB.get(), width, height, r, reg);
+    // Pass 2: A = mean(a).
+    boxMeanOf<P>(a, planeA.get(), width, height, r);
+    // Pass 3: dst = A * src + mean(B).
+    const Bands bands = splitBands(width);
+    BandScratch scratch(bands, r, C);
+    const float scale = windowScale(r);
+    const float* A = planeA.get();
+    zorl::parallelFor(0, bands.count, [&](int first, int last) {
+        for (int i = first; i < last; ++i) {
+            const Band band = bands.band[i];
+            float* sumLine = scratch.at(i);
+            float* mb = sumLine + lineFloats(band, r, C);
+            BandWindow<P, false> window(planeB.get(), width, height, r, band, sumLine, nullptr);
+            for (std::size_t y = 0; y < height; ++y) {
+                window.moveTo(y);
+                window.means(scale, mb);
+                const std::size_t at = (y * width + band.x0) * C;
+                const float* Ai = A + at;
+                const float* Ii = src + at;
+                float* out = dst + at;
+                flatLoop(0, band.width() * C, [&](std::size_t k, auto lanes) {
+                    using V = decltype(lanes);
+                    store(out + k, load<V>(Ai + k) * load<V>(Ii + k) + load<V>(mb + k));
+                });
+            }
+        }
+    });
+}
+
+#define GRFX_GUIDED_SELF(P)                                                                                       \
+    template void selfGuidedCoefficients<P>(const float*, float*, float*, std::size_t, std::size_t, int,          \
+                                            const Regulariser&);                                                  \
+    template void selfGuided<P>(const float*, float*, std::size_t, std::size_t, int, const Regulariser&);
+GRFX_GUIDED_SELF(pixel_gray_t)
+GRFX_GUIDED_SELF(pixel_rgb_t)
+GRFX_GUIDED_SELF(pixel_t)
+#undef GRFX_GUIDED_SELF
+
+}  // namespace grfx::guided
