@@ -189,6 +189,42 @@ TYPED_TEST(ConvertLoopPair, NullPointersAreLoggedAndCountZeroIsNot) {
     EXPECT_TRUE(balance.balanced());
 }
 
+// Destinations of several megabytes are written by another store path (non-temporal,
+// after a scalar run up to a 16-byte boundary): it must give the same bits as converting
+// the same pixels in small calls. The destination is offset by one pixel so that it is
+// not aligned.
+template <class P>
+class LargeBufferPair : public ::testing::Test {};
+using ChannelKernelPairs =
+    ::testing::Types<Pair<float, uint8_t>, Pair<PixelRGB<float>, PixelRGB<uint8_t>>, Pair<PixelRGB<float>, PixelRGB<uint16_t>>,
+                     Pair<PixelRGB<uint8_t>, PixelRGB<float>>, Pair<PixelRGB<uint16_t>, PixelRGB<float>>,
+                     Pair<PixelRGBA<uint8_t>, PixelRGBA<float>>, Pair<PixelRGBA<float>, PixelRGBA<uint8_t>>,
+                     Pair<PixelRGBA<float>, PixelRGBA<uint16_t>>>;
+TYPED_TEST_SUITE(LargeBufferPair, ChannelKernelPairs);
+
+TYPED_TEST(LargeBufferPair, MatchesSmallCalls) {
+    using Src = typename TypeParam::Src;
+    using Dst = typename TypeParam::Dst;
+    using SC = typename Desc<Src>::Channel;
+    constexpr std::size_t kLargeBytes = std::size_t(9) << 20;
+    constexpr std::size_t kSmallCall = 1000;
+    const std::size_t count = kLargeBytes / sizeof(Dst) + 5;
+    std::vector<Src> src(count);
+    SC* c = reinterpret_cast<SC*>(src.data());
+    for (std::size_t i = 0; i < count * sizeof(Src) / sizeof(SC); ++i) {
+        if constexpr (std::is_same_v<SC, float>)
+            c[i] = float(i % 1201) / 1000.0f - 0.1f;  // -0.1 .. 1.1
+        else
+            c[i] = static_cast<SC>(i * 2654435761u);
+    }
+    std::vector<Dst> large(count + 1), small(count);
+    convertLoop(src.data(), large.data() + 1, count);
+    for (std::size_t i = 0; i < count; i += kSmallCall)
+        convertLoop(src.data() + i, small.data() + i, std::min(kSmallCall, count - i));
+    large.erase(large.begin());
+    EXPECT_TRUE(sameBits(large, small));
+}
+
 // ---------------------------------------------------------------- exact rules
 
 TEST(ConvertLoop, SignatureTextsAreTheLibraryOnes) {

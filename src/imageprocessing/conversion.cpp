@@ -17,7 +17,9 @@
 // Where source and destination share the channel layout (RGB -> RGB, RGBA -> RGBA,
 // gray -> gray) the rule is per channel, so the pixels are converted as one flat array of
 // channels by an SSE2 kernel (16 channels per step: four RGBA pixels, or 16/3 RGB pixels).
-// Every other pair goes through the per-pixel kernel, four pixels per step.
+// Every other pair goes through the per-pixel kernel, four pixels per step. Large
+// destinations (kStreamingBytes) are written by the channel kernels with non-temporal
+// stores. No AVX2 path: these kernels are bound by memory bandwidth, not by arithmetic.
 
 #include <imageprocessing/conversion.h>
 
@@ -146,94 +148,143 @@ inline __m128i quantise4(const float* p, __m128 scale) {
     return _mm_cvttps_epi32(_mm_mul_ps(v, scale));
 }
 
-// Flat channel arrays, n channels. Each writes 16 channels per step.
+// Destinations of at least this many bytes are written with non-temporal stores: they
+// cannot stay in cache anyway, and streaming saves the read of every destination line
+// before it is written (a third of the traffic of uint8 -> float). Smaller ones stay in
+// cache for whoever reads them next.
+constexpr std::size_t kStreamingBytes = std::size_t(8) << 20;
+
+// Scalar channels until dst reaches a 16-byte boundary (streaming stores need it).
+template <bool kStream, class S, class D>
+std::size_t alignDestination(const S* src, D* dst, std::size_t n) {
+    std::size_t i = 0;
+    if constexpr (kStream)
+        for (; i < n && (reinterpret_cast<uintptr_t>(dst + i) & 15) != 0; ++i) dst[i] = convertChannel<D>(src[i]);
+    return i;
+}
+
+template <bool kStream>
+inline void store(uint8_t* p, __m128i v) {
+    if constexpr (kStream)
+        _mm_stream_si128(reinterpret_cast<__m128i*>(p), v);
+    else
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
+}
+template <bool kStream>
+inline void store(uint16_t* p, __m128i v) { store<kStream>(reinterpret_cast<uint8_t*>(p), v); }
+template <bool kStream>
+inline void store(float* p, __m128 v) {
+    if constexpr (kStream)
+        _mm_stream_ps(p, v);
+    else
+        _mm_storeu_ps(p, v);
+}
+
+template <bool kStream>
+inline void finishStores() {
+    if constexpr (kStream) _mm_sfence();
+}
+
+// Flat channel arrays, n channels, 16 channels per step.
+template <bool kStream>
 void floatToU8Channels(const float* src, uint8_t* dst, std::size_t n) {
     const __m128 scale = _mm_set1_ps(255.0f);
-    std::size_t i = 0;
+    std::size_t i = alignDestination<kStream>(src, dst, n);
     for (; i + 16 <= n; i += 16) {
         const __m128i a = quantise4(src + i, scale), b = quantise4(src + i + 4, scale);
         const __m128i c = quantise4(src + i + 8, scale), d = quantise4(src + i + 12, scale);
         // Values are 0..255: the signed 32->16 pack and the unsigned 16->8 pack are exact.
-        const __m128i bytes = _mm_packus_epi16(_mm_packs_epi32(a, b), _mm_packs_epi32(c, d));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), bytes);
+        store<kStream>(dst + i, _mm_packus_epi16(_mm_packs_epi32(a, b), _mm_packs_epi32(c, d)));
     }
     for (; i < n; ++i) dst[i] = floatToInt<uint8_t>(src[i]);
+    finishStores<kStream>();
 }
 
+template <bool kStream>
 void floatToU16Channels(const float* src, uint16_t* dst, std::size_t n) {
     const __m128 scale = _mm_set1_ps(65535.0f);
     // SSE2 has only the signed 32->16 pack: shift 0..65535 to -32768..32767, pack, and
     // flip the top bit back.
     const __m128i bias = _mm_set1_epi32(32768);
     const __m128i flip = _mm_set1_epi16(static_cast<short>(0x8000));
-    std::size_t i = 0;
+    std::size_t i = alignDestination<kStream>(src, dst, n);
     for (; i + 16 <= n; i += 16) {
         const __m128i a = _mm_sub_epi32(quantise4(src + i, scale), bias);
         const __m128i b = _mm_sub_epi32(quantise4(src + i + 4, scale), bias);
         const __m128i c = _mm_sub_epi32(quantise4(src + i + 8, scale), bias);
         const __m128i d = _mm_sub_epi32(quantise4(src + i + 12, scale), bias);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), _mm_xor_si128(_mm_packs_epi32(a, b), flip));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i + 8), _mm_xor_si128(_mm_packs_epi32(c, d), flip));
+        store<kStream>(dst + i, _mm_xor_si128(_mm_packs_epi32(a, b), flip));
+        store<kStream>(dst + i + 8, _mm_xor_si128(_mm_packs_epi32(c, d), flip));
     }
     for (; i < n; ++i) dst[i] = floatToInt<uint16_t>(src[i]);
+    finishStores<kStream>();
 }
 
-inline void storeScaled(float* p, __m128i v, __m128 inv) { _mm_storeu_ps(p, _mm_mul_ps(_mm_cvtepi32_ps(v), inv)); }
+inline __m128 scaled(__m128i v, __m128 inv) { return _mm_mul_ps(_mm_cvtepi32_ps(v), inv); }
 
+template <bool kStream>
 void u8ToFloatChannels(const uint8_t* src, float* dst, std::size_t n) {
     const __m128 inv = _mm_set1_ps(kInv255);
     const __m128i zero = _mm_setzero_si128();
-    std::size_t i = 0;
+    std::size_t i = alignDestination<kStream>(src, dst, n);
     for (; i + 16 <= n; i += 16) {
         const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i));
         const __m128i lo = _mm_unpacklo_epi8(bytes, zero), hi = _mm_unpackhi_epi8(bytes, zero);
-        storeScaled(dst + i, _mm_unpacklo_epi16(lo, zero), inv);
-        storeScaled(dst + i + 4, _mm_unpackhi_epi16(lo, zero), inv);
-        storeScaled(dst + i + 8, _mm_unpacklo_epi16(hi, zero), inv);
-        storeScaled(dst + i + 12, _mm_unpackhi_epi16(hi, zero), inv);
+        store<kStream>(dst + i, scaled(_mm_unpacklo_epi16(lo, zero), inv));
+        store<kStream>(dst + i + 4, scaled(_mm_unpackhi_epi16(lo, zero), inv));
+        store<kStream>(dst + i + 8, scaled(_mm_unpacklo_epi16(hi, zero), inv));
+        store<kStream>(dst + i + 12, scaled(_mm_unpackhi_epi16(hi, zero), inv));
     }
     for (; i < n; ++i) dst[i] = intToFloat(src[i]);
+    finishStores<kStream>();
 }
 
+template <bool kStream>
 void u16ToFloatChannels(const uint16_t* src, float* dst, std::size_t n) {
     const __m128 inv = _mm_set1_ps(kInv65535);
     const __m128i zero = _mm_setzero_si128();
-    std::size_t i = 0;
+    std::size_t i = alignDestination<kStream>(src, dst, n);
     for (; i + 16 <= n; i += 16) {
         const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i));
         const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i + 8));
-        storeScaled(dst + i, _mm_unpacklo_epi16(a, zero), inv);
-        storeScaled(dst + i + 4, _mm_unpackhi_epi16(a, zero), inv);
-        storeScaled(dst + i + 8, _mm_unpacklo_epi16(b, zero), inv);
-        storeScaled(dst + i + 12, _mm_unpackhi_epi16(b, zero), inv);
+        store<kStream>(dst + i, scaled(_mm_unpacklo_epi16(a, zero), inv));
+        store<kStream>(dst + i + 4, scaled(_mm_unpackhi_epi16(a, zero), inv));
+        store<kStream>(dst + i + 8, scaled(_mm_unpacklo_epi16(b, zero), inv));
+        store<kStream>(dst + i + 12, scaled(_mm_unpackhi_epi16(b, zero), inv));
     }
     for (; i < n; ++i) dst[i] = intToFloat(src[i]);
+    finishStores<kStream>();
 }
 
 template <class S, class D>
 constexpr bool kHasChannelKernel = (std::is_same_v<S, float> && (std::is_same_v<D, uint8_t> || std::is_same_v<D, uint16_t>)) ||
                                    (std::is_same_v<D, float> && (std::is_same_v<S, uint8_t> || std::is_same_v<S, uint16_t>));
 
-template <class S, class D>
+template <bool kStream, class S, class D>
 inline void convertChannelRange(const S* src, D* dst, std::size_t n) {
     if constexpr (std::is_same_v<S, float> && std::is_same_v<D, uint8_t>)
-        floatToU8Channels(src, dst, n);
+        floatToU8Channels<kStream>(src, dst, n);
     else if constexpr (std::is_same_v<S, float> && std::is_same_v<D, uint16_t>)
-        floatToU16Channels(src, dst, n);
+        floatToU16Channels<kStream>(src, dst, n);
     else if constexpr (std::is_same_v<S, uint8_t>)
-        u8ToFloatChannels(src, dst, n);
+        u8ToFloatChannels<kStream>(src, dst, n);
     else
-        u16ToFloatChannels(src, dst, n);
+        u16ToFloatChannels<kStream>(src, dst, n);
 }
 
 // One contiguous range of n pixels, by the kernel resolved for the pair at compile time.
 template <class Src, class Dst>
-void convertRange(const Src* src, Dst* dst, std::size_t n) {
+void convertRange(const Src* src, Dst* dst, std::size_t n, bool stream) {
     using SC = typename PixelTraits<Src>::Channel;
     using DC = typename PixelTraits<Dst>::Channel;
     constexpr int kChannels = PixelTraits<Src>::channels;
     if constexpr (LayoutOf<Src>::value == LayoutOf<Dst>::value && kHasChannelKernel<SC, DC>) {
-        convertChannelRange(reinterpret_cast<const SC*>(src), reinterpret_cast<DC*>(dst), n * kChannels);
+        const SC* s = reinterpret_cast<const SC*>(src);
+        DC* d = reinterpret_cast<DC*>(dst);
+        if (stream)
+            convertChannelRange<true>(s, d, n * kChannels);
+        else
+            convertChannelRange<false>(s, d, n * kChannels);
     } else {
         convertPixelRange(src, dst, n);
     }
@@ -243,10 +294,11 @@ void convertRange(const Src* src, Dst* dst, std::size_t n) {
 template <class Src, class Dst>
 void convertPixels(const Src* src, Dst* dst, uint64_t count) {
     const uint64_t blocks = (count + kBlockPixels - 1) / kBlockPixels;
+    const bool stream = count * sizeof(Dst) >= kStreamingBytes;
     parallelFor<uint64_t>(0, blocks, [&](uint64_t b, uint64_t e) {
         const uint64_t first = b * kBlockPixels;
         const uint64_t last = std::min(e * kBlockPixels, count);
-        convertRange(src + first, dst + first, static_cast<std::size_t>(last - first));
+        convertRange(src + first, dst + first, static_cast<std::size_t>(last - first), stream);
     });
 }
 
