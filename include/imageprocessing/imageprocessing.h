@@ -12,5 +12,6 @@
 #include <imageprocessing/conversion.h>
 #include <imageprocessing/scaling.h>
 #include <imageprocessing/blending.h>
+#include <imageprocessing/auto_exposure.h>
 #include <imageprocessing/transform_computer.h>
 #include <imageprocessing/image_data_compute_unit.h>
