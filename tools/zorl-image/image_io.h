@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <string>
 
 #include <zorl/core/image_data.h>
 #include <zorl/core/mask_image.h>
@@ -22,6 +23,9 @@ std::shared_ptr<MaskImage> readMask(const std::filesystem::path& path);
 void writeImageRGB(const std::filesystem::path& path, const RgbImage& image, int depth = 8);
 // Writes a single-channel float image as gray.
 void writeImageGray(const std::filesystem::path& path, const _ImageData<float>& image, int depth = 8);
+
+// Writes a text file (a report, parameters) the same way: whole, or not at all.
+void writeTextFile(const std::filesystem::path& path, const std::string& text);
 
 // The demo photo: an image built into Magick++ converted to float RGB.
 RgbImagePtr builtinPhoto();
