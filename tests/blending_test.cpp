@@ -280,9 +280,9 @@ std::shared_ptr<ImageRGBf> runBlend(const Scene& s, bool masked, float opacity, 
 }
 
 TEST(BlendImages, EveryPixelIsThePixelFunctionWithMaskTimesOpacity) {
-    // Odd sizes exercise the four-pixel SSE2 blocks' tails; 300 x 240 is large enough to
+    // Odd sizes exercise the four-pixel SSE2 blocks' tails; 400 x 330 is large enough to
     // run in parallel.
-    for (const _Size<int> size : {_Size<int>(1, 1), _Size<int>(1, 7), _Size<int>(157, 83), _Size<int>(300, 240)}) {
+    for (const _Size<int> size : {_Size<int>(1, 1), _Size<int>(1, 7), _Size<int>(157, 83), _Size<int>(400, 330)}) {
         const Scene s = scene(size.width, size.height, 10);
         for (BlendModeType m : kAllModes) {
             for (bool masked : {false, true}) {
@@ -459,8 +459,8 @@ TEST(BlendImages, AnUnknownModeIsReportedOnStandardErrorAndWritesNothing) {
 }
 
 TEST(BlendImages, ManyThreadsGiveTheResultOfOne) {
-    const Scene s = scene(311, 257, 90);  // above the serial threshold: the loops split
-    const _Rect<int> roi{5, 3, 300, 250};
+    const Scene s = scene(411, 337, 90);  // above the serial threshold: the loops split
+    const _Rect<int> roi{5, 3, 400, 330};
     for (BlendModeType m : {BlendModeType::Normal, BlendModeType::SoftLight, BlendModeType::Luminosity}) {
         std::shared_ptr<ImageRGBf> single, singleRoi;
         test::onOneThread([&] {
