@@ -1,6 +1,7 @@
 // _ImageData<T>: construction, region copies, flips, fills, resizing, and the encoded
 // stream, including streams written by an attacker.
 #include <zorl/core/image_data.h>
+#include <zorl/core/image_utils.h>
 
 #include <cstring>
 #include <limits>
@@ -238,6 +239,43 @@ TEST(ImageData, HostileStreamsAreRefusedWithoutAllocating) {
     }
     EXPECT_EQ(MemoryManager::instance().liveBytes(), liveBefore);
     EXPECT_THROW(ImageRGBf(std::shared_ptr<Decoder>()), DecodeError);
+}
+
+TEST(ImageUtils, ResizeInterpolateOnRawBuffers) {
+    // 4 x 2 RGB float, area reduction to 2 x 1: each output is the mean of a 2 x 2 block.
+    std::vector<float> src(4 * 2 * 3);
+    for (std::size_t i = 0; i < src.size(); ++i) src[i] = float(i);
+    std::vector<float> dst(2 * 3, -1.0f);
+    ASSERT_TRUE(resizeInterpolate(src.data(), {4, 2}, dst.data(), {2, 1}, 3, true, InterpolationType::Area, kNoRegion));
+    for (int x = 0; x < 2; ++x)
+        for (int c = 0; c < 3; ++c) {
+            auto at = [&](int px, int py) { return src[(py * 4 + px) * 3 + c]; };
+            EXPECT_FLOAT_EQ(dst[x * 3 + c], (at(2 * x, 0) + at(2 * x + 1, 0) + at(2 * x, 1) + at(2 * x + 1, 1)) / 4);
+        }
+    // 8-bit single channel, a region copied at its own size.
+    const std::vector<uint8_t> bytes = {1, 2, 3, 4, 5, 6};
+    std::vector<uint8_t> out(2, 0);
+    ASSERT_TRUE(resizeInterpolate(bytes.data(), {3, 2}, out.data(), {2, 1}, 1, false, InterpolationType::Area, {1, 1, 2, 1}));
+    EXPECT_EQ(out, (std::vector<uint8_t>{5, 6}));
+    // Rejected: nothing written.
+    std::vector<float> untouched(3, -1.0f);
+    EXPECT_FALSE(resizeInterpolate(nullptr, {4, 2}, untouched.data(), {1, 1}, 3, true, InterpolationType::Area, kNoRegion));
+    EXPECT_FALSE(resizeInterpolate(src.data(), {4, 2}, untouched.data(), {1, 1}, 5, true, InterpolationType::Area, kNoRegion));
+    EXPECT_FALSE(resizeInterpolate(src.data(), {4, 2}, untouched.data(), {0, 1}, 3, true, InterpolationType::Area, kNoRegion));
+    EXPECT_FALSE(resizeInterpolate(src.data(), {4, 2}, untouched.data(), {1, 1}, 3, true, InterpolationType::Area, {9, 9, 1, 1}));
+    EXPECT_EQ(untouched, std::vector<float>(3, -1.0f));
+}
+
+TEST(ImageUtils, FloatEqualityAndClamp) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const struct {
+        float a, b;
+        bool equal;
+    } cases[] = {{0, 0, true},          {0, 1e-6f, true},       {0, 2e-6f, false},   {1000, 1000.001f, true},
+                 {1000, 1000.01f, false}, {-1, -1.0000005f, true}, {nan, nan, false}, {1, nan, false}};
+    for (const auto& c : cases) EXPECT_EQ(isFloatEqual(c.a, c.b), c.equal) << c.a << " " << c.b;
+    EXPECT_EQ(clampValue({-0.5f, 0.25f, 7.0f}), (RGBf{0.0f, 0.25f, 1.0f}));
+    EXPECT_EQ(clampValue({nan, 1.0f, 0.0f}), (RGBf{0.0f, 1.0f, 0.0f}));
 }
 
 }  // namespace

@@ -157,9 +157,10 @@ void demoInput(DemoContext& ctx) {
     const float e8 = maxDifference(*photo, *back8), e16 = maxDifference(*photo, *back16);
     ctx.report("  input.png: the photo as 8-bit PNG; input-16bit.png: its 16-bit round trip");
     ctx.report("  8-bit round trip:  max error " + fixed(e8, 6) + " (one step is " + fixed(1.0 / 255, 6) +
-               "; truncation keeps it below one step)");
+               (e8 == 0.0f ? "; the photo holds 8-bit values, which survive exactly)" : "; truncation stays below one step)"));
     ctx.report("  16-bit round trip: max error " + fixed(e16, 8) + " (one step is " + fixed(1.0 / 65535, 8) + ")");
-    ctx.report("  16-bit file read back: max difference " + fixed(maxDifference(*back16, *reread), 8));
+    ctx.report("  16-bit file read back: max difference " + fixed(maxDifference(*back16, *reread), 8) +
+               " (writing truncates k/65535 x 65535, which in float can land just below k: one step)");
     if (e8 > 1.0f / 255 || e16 > 1.0f / 65535) throw std::runtime_error("round trip error above one integer step");
     ctx.addRow("Input photo and its integer round trips (float -> 8/16 bit -> float)",
                {{"input (float)", photo},
