@@ -13,8 +13,13 @@
 #include <vector>
 
 #include <imageprocessing/blending.h>
+#include <imageprocessing/image_data_compute_unit.h>
+#include <imageprocessing/transform_computer.h>
 #include <imageprocessing/tiled_image_data_stores.h>
 
+#include <zorl/halton/halton.h>
+
+#include "compute/tiled_image_data_access.h"
 #include "support/test_support.h"
 
 namespace zorl {
@@ -449,6 +454,311 @@ TEST(KelModifiedFlags, BlendsSetTheFlagsOfTheTilesTheyChange) {
     layer.setFillWith({0, 0, 0});
     base.blendWithTiledImageData(layer, nullptr, 0.5f);
     EXPECT_EQ(base.modifiedTiles().size(), std::size_t(base.tileCount()));
+}
+
+// ---- serialisation ----
+
+template <class Store>
+std::vector<uint8_t> encoded(const Store& s) {
+    auto e = std::make_shared<Encoder>();
+    s.encode(e);
+    return e->take();
+}
+
+template <class Store>
+std::shared_ptr<Store> decoded(const std::vector<uint8_t>& bytes) {
+    return Store::decode(std::make_shared<Decoder>(bytes));
+}
+
+TYPED_TEST(TiledStoreTest, EncodeThenDecodeRestoresEveryPixel) {
+    test::MemoryBalance balance;
+    {
+        for (const _Size<int> size : {_Size<int>{0, 0}, _Size<int>{1, 1}, _Size<int>{2 * TypeParam::kTileSide + 3, 150}}) {
+            TypeParam s = size.isEmpty() ? TypeParam(size, kFill, ColorProfileType::melissaRGB())
+                                         : patchedStore<TypeParam>(size, kFill, 8);
+            s.setPixel({-3.5f, 1e30f, 0.f}, size.width - 1, size.height - 1);  // out-of-range values survive too
+            const auto bytes = encoded(s);
+            test::LogCapture log;
+            const auto back = decoded<TypeParam>(bytes);
+            ASSERT_TRUE(back);
+            EXPECT_EQ(log.count(), 0u);
+            EXPECT_EQ(back->size(), s.size());
+            EXPECT_EQ(back->fillColor(), s.fillColor());
+            EXPECT_EQ(*back->colorProfile(), *s.colorProfile());
+            EXPECT_EQ(back->presentTileCount(), s.presentTileCount());
+            for (int i = 0; i < s.tileCount(); ++i) EXPECT_EQ(back->hasTile(i), s.hasTile(i));
+            if (!size.isEmpty()) {
+                const auto a = s.readRect(kNoRegion), b = back->readRect(kNoRegion);
+                EXPECT_EQ(std::memcmp(a->data(), b->data(), a->byteCount()), 0);
+            }
+            // Decoding starts a new editing session: nothing is modified.
+            if constexpr (std::is_same_v<TypeParam, KelTiledImageData>) EXPECT_TRUE(back->modifiedTiles().empty());
+            EXPECT_EQ(encoded(*back), bytes);  // the form is canonical
+        }
+    }
+    EXPECT_TRUE(balance.balanced());
+}
+
+TYPED_TEST(TiledStoreTest, StreamStartsWithTheDocumentedHeader) {
+    const TypeParam s({300, 200}, kFill, ColorProfileType::sRGB());
+    const auto bytes = encoded(s);
+    Decoder d(bytes);
+    int version, w, h, kind, side;
+    float r, g, b;
+    ASSERT_TRUE(d.decodeInt(version) && d.decodeInt(w) && d.decodeInt(h) && d.decodeFloat(r) && d.decodeFloat(g) &&
+                d.decodeFloat(b) && d.decodeInt(kind) && d.decodeInt(side));
+    EXPECT_EQ(version, 1);
+    EXPECT_EQ(w, 300);
+    EXPECT_EQ(h, 200);
+    EXPECT_EQ((Pixel{r, g, b}), kFill);
+    EXPECT_EQ(kind, int(ColorProfile::Kind::sRGB));
+    EXPECT_EQ(side, TypeParam::kTileSide);
+    if constexpr (std::is_same_v<TypeParam, KelTiledImageData>) {
+        int supertile;
+        uint32_t count;
+        ASSERT_TRUE(d.decodeInt(supertile) && d.decodeUint32(count));
+        EXPECT_EQ(supertile, 16);
+        EXPECT_EQ(count, 0u);
+    } else {
+        for (int i = 0; i < s.tileCount(); ++i) {
+            uint8_t flag;
+            ASSERT_TRUE(d.decodeUint8(flag));
+            EXPECT_EQ(flag, 0);
+        }
+    }
+    EXPECT_EQ(d.remaining(), 0u);
+}
+
+// Every truncation, and damaged fields, give null after exactly one log line.
+TYPED_TEST(TiledStoreTest, DamagedStreamsAreRefusedWithOneLogLine) {
+    TypeParam s({TypeParam::kTileSide + 5, 20}, kFill, ColorProfileType::sRGB());
+    s.setPixel({1, 0, 0}, 3, 3);
+    s.setPixel({0, 1, 0}, TypeParam::kTileSide + 1, 3);
+    const auto good = encoded(s);
+    test::MemoryBalance balance;
+    const std::string sig = "class std::shared_ptr<class zorl::" + std::string(std::is_same_v<TypeParam, KelTiledImageData> ? "Kel" : "Barc") +
+                            "TiledImageData> __cdecl zorl::" +
+                            (std::is_same_v<TypeParam, KelTiledImageData> ? "Kel" : "Barc") +
+                            "TiledImageData::decode(const class std::shared_ptr<class zorl::Decoder> &)";
+    for (std::size_t n = 0; n < good.size(); n += 1 + n / 64) {
+        test::LogCapture log;
+        EXPECT_EQ(decoded<TypeParam>({good.begin(), good.begin() + n}), nullptr) << n;
+        ASSERT_EQ(log.count(), 1u) << n;
+        EXPECT_EQ(log.lines()[0].rfind(sig + ": ", 0), 0u) << log.lines()[0];
+    }
+    auto patched = [&](std::size_t offset, auto value) {
+        std::vector<uint8_t> b = good;
+        std::memcpy(b.data() + offset, &value, sizeof value);
+        return b;
+    };
+    const std::size_t afterSide = 32;  // version, size, fill, profile, tile side
+    const bool kel = std::is_same_v<TypeParam, KelTiledImageData>;
+    // Offset of the first block's header: Kel: supertile side, count, index, length;
+    // Barc: flag, length.
+    const std::size_t block = afterSide + (kel ? 4 + 4 + 4 + 8 : 1 + 8);
+    struct Case {
+        std::vector<uint8_t> bytes;
+        std::string message;
+    };
+    std::vector<Case> cases = {
+        {patched(0, int(2)), "Unknown format version"},
+        {patched(4, int(-1)), "Size out of range"},
+        {patched(8, int(kMaxTiledImageSide + 1)), "Size out of range"},
+        {patched(24, int(99)), "Unknown color profile"},
+        {patched(28, int(64)), "Tile size differs"},
+        {patched(block + 24, uint32_t(2)), "Tile block header is inconsistent"},   // field 3
+        {patched(block + 36, uint32_t(3)), "Tile block header is inconsistent"},   // field 5: another profile
+        {patched(block + 20, uint32_t(64)), "Tile block header is inconsistent"},  // width
+        {patched(block + 56, uint32_t(0xdeadbeef)), "Tile block is corrupt: the input data was corrupted or incomplete"},
+    };
+    if (kel) {
+        cases.push_back({patched(afterSide, int(8)), "Supertile size differs"});
+        cases.push_back({patched(afterSide + 4, uint32_t(3)), "Tile count out of range"});
+        cases.push_back({patched(afterSide + 8, uint32_t(2)), "Tile index out of order or out of range"});
+        cases.push_back({patched(afterSide + 12, uint64_t(1) << 40), "Tile block length out of range"});
+    } else {
+        cases.push_back({patched(afterSide, uint8_t(2)), "Tile flag out of range"});
+        cases.push_back({patched(afterSide + 1, uint64_t(1) << 40), "Tile block length out of range"});
+    }
+    for (const Case& c : cases) {
+        test::LogCapture log;
+        EXPECT_EQ(decoded<TypeParam>(c.bytes), nullptr) << c.message;
+        EXPECT_EQ(log.lines(), std::vector<std::string>{sig + ": " + c.message});
+    }
+    EXPECT_TRUE(balance.balanced());
+}
+
+// ---- renditions ----
+
+// Settings of a canvas of `size` showing `region` at `working`, with an optional extra
+// transform (source pixel -> canvas pixel).
+ImageTransformSettings settingsFor(_Size<int> size, _Rect<float> region, _Size<int> working,
+                                   const AffineTransform* extra = nullptr) {
+    ImageTransformSettings s;
+    s.canvasSize = size;
+    s.region = region;
+    s.workingSize = working;
+    if (extra) {
+        s.hasTransform = 1;
+        s.transformParameters = *extra;
+    }
+    return s;
+}
+
+struct RenditionCase {
+    const char* what;
+    ImageTransformSettings settings;
+    _Rect<int> destRect;
+};
+
+std::vector<RenditionCase> renditionCases(_Size<int> size) {
+    static const AffineTransform rotation = [] {
+        AffineTransform t = AffineTransform::makeRotation(0.3);
+        t.append(AffineTransform::makeTranslation(40, -30));
+        return t;
+    }();
+    static const AffineTransform flip{-1, 0, 0, 1, float(1000), 0};
+    const _Rect<float> whole{0, 0, float(size.width), float(size.height)};
+    return {
+        {"identity", settingsFor(size, whole, size), kEmptyRect},
+        {"reduced 3x (supersampled)", settingsFor(size, whole, {size.width / 3, size.height / 3}), kEmptyRect},
+        {"enlarged part", settingsFor(size, {100.5f, 37.f, 60.f, 45.f}, {150, 110}), {10, 20, 90, 70}},
+        {"rotated", settingsFor(size, whole, {size.width / 2, size.height / 2}, &rotation), {5, 7, 120, 60}},
+        {"mirrored", settingsFor(size, {0, 0, 400, 150}, {400, 150}, &flip), kEmptyRect},
+    };
+}
+
+// The current scheme renders exactly like its dense equivalent.
+TEST(TiledRenditions, KelUpdateEqualsTheDenseUpdate) {
+    const _Size<int> size{410, 270};
+    const KelTiledImageData store = patchedStore<KelTiledImageData>(size, kFill, 21);
+    const auto dense = store.readRect(kNoRegion);
+    test::MemoryBalance balance;
+    for (const RenditionCase& c : renditionCases(size)) {
+        const TransformComputer tc(c.settings, TransformComputer::DataSourceType::ImageData);
+        auto fromTiles = std::make_shared<Image>(c.settings.workingSize, Pixel{9, 9, 9}, nullptr);
+        auto fromDense = std::make_shared<Image>(*fromTiles);
+        tc.updateTransformedRoi(store, fromTiles, c.settings.region, c.destRect);
+        tc.updateTransformedRoi(*dense, fromDense, c.settings.region, c.destRect);
+        EXPECT_EQ(std::memcmp(fromTiles->data(), fromDense->data(), fromTiles->byteCount()), 0) << c.what;
+        test::onOneThread([&] {
+            auto one = std::make_shared<Image>(c.settings.workingSize, Pixel{9, 9, 9}, nullptr);
+            tc.updateTransformedRoi(store, one, c.settings.region, c.destRect);
+            EXPECT_EQ(std::memcmp(one->data(), fromDense->data(), one->byteCount()), 0) << c.what;
+        });
+    }
+    EXPECT_TRUE(balance.balanced());
+}
+
+// The older scheme samples pixel centres: checked against a plain double-precision loop
+// over that rule (centre, then Halton points when the sampling transform stretches).
+TEST(TiledRenditions, BarcCreateSamplesPixelCentres) {
+    // The store maps and interpolates in float; positions up to ~400 carry ~5e-5 pixels
+    // of error, times noise slopes up to 1 per pixel.
+    constexpr double kTolerance = 2e-4;
+    const _Size<int> size{410, 270};
+    const BarcTiledImageData store = patchedStore<BarcTiledImageData>(size, kFill, 22);
+    const auto dense = store.readRect(kNoRegion);
+    for (const RenditionCase& c : renditionCases(size)) {
+        const TransformComputer tc(c.settings, TransformComputer::DataSourceType::ImageData);
+        const ResizeParameters rp = tc.getWorkingResizeParameters();
+        const auto got = tc.createTransformedRoi<Image>(store, rp);
+        ASSERT_TRUE(got) << c.what;
+        ASSERT_EQ(got->size(), rp.size);
+        const AffineTransform t = c.settings.getSamplingTransform(_Rect<float>(rp.rect), rp.size);
+        std::vector<std::pair<double, double>> offsets{{0.5, 0.5}};
+        const double s = sampling::largestSingularValue(t);
+        if (s >= 1.1)
+            for (int i = 0; i < int(std::lround(std::min(2 * s, 20.0))); ++i) {
+                float p[2];
+                halton(i, 2, nullptr, nullptr, p);
+                offsets.push_back({p[0], p[1]});
+            }
+        double worst = 0;
+        for (int y = 0; y < rp.size.height; ++y)
+            for (int x = 0; x < rp.size.width; ++x) {
+                double sum[3] = {0, 0, 0};
+                int valid = 0;
+                for (auto [ox, oy] : offsets) {
+                    const double px = t.a * (x + ox) + t.c * (y + oy) + t.tx, py = t.b * (x + ox) + t.d * (y + oy) + t.ty;
+                    const double fx0 = std::floor(px), fy0 = std::floor(py);
+                    if (fx0 < 0 || fy0 < 0 || fx0 >= size.width || fy0 >= size.height) continue;
+                    const int ix = int(fx0), iy = int(fy0), x1 = std::min(ix + 1, size.width - 1),
+                              y1 = std::min(iy + 1, size.height - 1);
+                    const double fx = px - fx0, fy = py - fy0;
+                    auto ch = [&](int i, int j, int k) { return double((&dense->at(i, j).r)[k]); };
+                    for (int k = 0; k < 3; ++k) {
+                        const double top = ch(ix, iy, k) + (ch(x1, iy, k) - ch(ix, iy, k)) * fx;
+                        const double bottom = ch(ix, y1, k) + (ch(x1, y1, k) - ch(ix, y1, k)) * fx;
+                        sum[k] += top + (bottom - top) * fy;
+                    }
+                    ++valid;
+                    if (offsets.size() == 1) break;
+                }
+                const Pixel g = got->at(x, y);
+                const double e[3] = {valid ? sum[0] / valid : 0.2, valid ? sum[1] / valid : 0.2, valid ? sum[2] / valid : 0.2};
+                // A position on a pixel border may fall either side in float: skip those.
+                worst = std::max({worst, std::abs(g.r - e[0]), std::abs(g.g - e[1]), std::abs(g.b - e[2])});
+            }
+        EXPECT_LE(worst, kTolerance) << c.what;
+        // Re-rendering a rectangle gives the same pixels as the full rendition.
+        auto part = std::make_shared<Image>(rp.size, Pixel{9, 9, 9}, nullptr);
+        tc.updateTransformedRoi(store, part, _Rect<float>(rp.rect), kEmptyRect);
+        EXPECT_EQ(std::memcmp(part->data(), got->data(), got->byteCount()), 0) << c.what;
+    }
+}
+
+TEST(TiledRenditions, OnlyTheTilesTheRegionNeedsAreLookedUp) {
+    const KelTiledImageData store({4096, 4096}, kFill, nullptr);
+    using Access = detail::TiledSourceAccess<KelTiledImageData>;
+    // Identity: pixels 1000..1050 (+2 for the corner offsets and the neighbour) lie in
+    // tiles 7 and 8 on each axis.
+    EXPECT_EQ(Access(store, AffineTransform(), {1000, 1000, 50, 50}).tableSize(), 4u);
+    // A reduction by 4 (destination -> source): destination pixels 10..29 read source
+    // pixels 40..124, all in tile 0.
+    EXPECT_EQ(Access(store, AffineTransform::makeScale(4, 4), {10, 10, 20, 20}).tableSize(), 1u);
+    EXPECT_EQ(Access(store, AffineTransform(), kEmptyRect).tableSize(), 0u);
+    // Positions outside the table still read correctly.
+    const Access a(store, AffineTransform(), {0, 0, 1, 1});
+    EXPECT_EQ(a.at(4000, 4000), kFill);
+}
+
+TEST(TiledRenditions, BarcComputeUnitKeepsItsRenditionsUpToDate) {
+    const _Size<int> size{600, 400};
+    auto store = std::make_shared<BarcTiledImageData>(patchedStore<BarcTiledImageData>(size, kFill, 23));
+    ImageDataComputeUnit<Image, BarcTiledImageData> unit(store);
+    unit.setTransform(settingsFor(size, {0, 0, 600, 400}, {300, 200}));
+    const auto preview = unit.preview();
+    ASSERT_TRUE(preview);
+    EXPECT_EQ(preview->size(), (_Size<int>{500, 333}));
+    EXPECT_EQ(unit.thumbnail()->size(), (_Size<int>{120, 80}));
+    ASSERT_TRUE(unit.workingImage());
+    const Image previewBefore(*unit.preview());
+    (void)unit.getPreviewUpdateRect();  // collect the whole-rendition rectangles
+    (void)unit.getWorkingImageUpdateRect();
+    // Paint, then refresh only the painted rectangle.
+    const auto dab = noiseImage({30, 20}, 24);
+    store->writeRect(*dab, kNoRegion, {250, 100});
+    unit.updatePreview(store, {250, 100, 30, 20});
+    unit.updateWorkingImage(store, {250, 100, 30, 20});
+    EXPECT_FALSE(unit.hasThumbnail());
+    // Inside the reported rectangle the pixels are those of a fresh rendition; outside it
+    // they are untouched.
+    const TransformComputer tc(unit.imageTransformSettings(), TransformComputer::DataSourceType::ImageData);
+    const auto fresh = tc.createTransformedRoi<Image>(*store, {unit.getPreviewSize(), {0, 0, 600, 400}, true});
+    const _Rect<int> changed = unit.getPreviewUpdateRect();
+    EXPECT_FALSE(changed.isEmpty());
+    const auto now = unit.preview();
+    for (int y = 0; y < now->height(); ++y)
+        for (int x = 0; x < now->width(); ++x)
+            ASSERT_EQ(now->at(x, y), changed.contains(x, y) ? fresh->at(x, y) : previewBefore.at(x, y)) << x << "," << y;
+    const auto freshWorking = tc.createTransformedRoi<Image>(*store, tc.getWorkingResizeParameters());
+    const _Rect<int> changedWorking = unit.getWorkingImageUpdateRect();
+    EXPECT_FALSE(changedWorking.isEmpty());
+    const auto working = unit.workingImage();
+    for (int y = changedWorking.y; y < changedWorking.bottom(); ++y)
+        for (int x = changedWorking.x; x < changedWorking.right(); ++x)
+            ASSERT_EQ(working->at(x, y), freshWorking->at(x, y)) << x << "," << y;
 }
 
 }  // namespace

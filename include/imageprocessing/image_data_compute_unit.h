@@ -13,7 +13,7 @@
 //
 // Instantiated for (Out, In) = (_ImageData<uint8_t>, same), (_ImageData<float>, same),
 // (_ImageData<PixelRGB<float>>, same), (_ImageData<PixelRGB<float>>, Image),
-// (_ImageData<PixelRGBA<float>>, same).
+// (_ImageData<PixelRGBA<float>>, same), (_ImageData<PixelRGB<float>>, BarcTiledImageData).
 //
 // Not thread-safe: one unit must not be used from two threads at once. Renditions are
 // handed out as shared pointers to const data; a reader may keep one while the unit

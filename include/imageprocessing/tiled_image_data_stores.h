@@ -74,6 +74,15 @@ public:
     void blendWithImageData(const std::shared_ptr<const ImageData>& image, const ResizeParameters& rp,
                             const std::shared_ptr<const _ImageData<float>>& mask, float opacity);
 
+    // Writes the store (see the serialised form in docs/DESIGN.md): size, fill colour,
+    // profile, tile geometry and every present tile as a tracked zlib block. The load
+    // state and the modified flags are not written. Throws CompressorException when zlib
+    // fails.
+    void encode(const std::shared_ptr<Encoder>& encoder) const override;
+    // Reads what encode wrote. Null, after one log line, on any fault of the stream; never
+    // a partial store.
+    static Ptr decode(const std::shared_ptr<Decoder>& decoder);
+
     // Modified flags, by tile index.
     bool isTileModified(int index) const;
     std::vector<int> modifiedTiles() const;  // ascending
@@ -145,6 +154,15 @@ public:
     // empty rp or a mask of another size is logged and nothing changes.
     void blendWithImageData(const std::shared_ptr<const ImageData>& image, const ResizeParameters& rp,
                             const std::shared_ptr<const _ImageData<float>>& mask, float opacity);
+
+    // Writes the store (see the serialised form in docs/DESIGN.md): size, fill colour,
+    // profile, tile geometry and every present tile as a tracked zlib block. The load
+    // state and the modified flags are not written. Throws CompressorException when zlib
+    // fails.
+    void encode(const std::shared_ptr<Encoder>& encoder) const override;
+    // Reads what encode wrote. Null, after one log line, on any fault of the stream; never
+    // a partial store.
+    static Ptr decode(const std::shared_ptr<Decoder>& decoder);
 
 private:
     template <class Store>

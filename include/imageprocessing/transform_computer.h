@@ -111,7 +111,9 @@ public:
     // are used and do not hold an AffineTransform.
     // Instantiated for (Out, In) = (_ImageData<uint8_t>, same), (_ImageData<float>,
     // same), (_ImageData<PixelRGB<float>>, same), (_ImageData<PixelRGBA<float>>, same),
-    // (_ImageData<PixelRGB<float>>, Image).
+    // (_ImageData<PixelRGB<float>>, Image), (_ImageData<PixelRGB<float>>,
+    // BarcTiledImageData); tiled sources take no resize shortcut (they are always
+    // resampled, the older scheme at pixel centres).
     template <class Out, class In>
     std::shared_ptr<Out> createTransformedRoi(const In& source, const ResizeParameters& rp) const;
 
@@ -122,7 +124,8 @@ public:
     // ("destination is null") and nothing is written; throws as createTransformedRoi.
     // Instantiated for (_ImageData<uint8_t>, same), (_ImageData<float>, same),
     // (_ImageData<PixelRGB<float>>, same), (_ImageData<PixelRGB<float>>, Image),
-    // (_ImageData<PixelRGBA<float>>, same).
+    // (_ImageData<PixelRGBA<float>>, same), (_ImageData<PixelRGB<float>>,
+    // BarcTiledImageData), (_ImageData<PixelRGB<float>>, KelTiledImageData).
     template <class Out, class In>
     void updateTransformedRoi(const In& source, std::shared_ptr<Out>& destination, const _Rect<float>& sourceRect,
                               const _Rect<int>& destRect) const;

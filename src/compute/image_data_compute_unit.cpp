@@ -6,6 +6,7 @@
 #include <utility>
 #include <variant>
 
+#include <imageprocessing/tiled_image_data_stores.h>
 #include <zorl/core/image.h>
 
 namespace zorl {
@@ -244,6 +245,7 @@ template class ZORL_IP_EXPORT ImageDataComputeUnit<_ImageData<uint8_t>, _ImageDa
 template class ZORL_IP_EXPORT ImageDataComputeUnit<_ImageData<float>, _ImageData<float>>;
 template class ZORL_IP_EXPORT ImageDataComputeUnit<_ImageData<PixelRGB<float>>, _ImageData<PixelRGB<float>>>;
 template class ZORL_IP_EXPORT ImageDataComputeUnit<_ImageData<PixelRGB<float>>, Image>;
+template class ZORL_IP_EXPORT ImageDataComputeUnit<_ImageData<PixelRGB<float>>, BarcTiledImageData>;
 template class ZORL_IP_EXPORT ImageDataComputeUnit<_ImageData<PixelRGBA<float>>, _ImageData<PixelRGBA<float>>>;
 
 }  // namespace zorl

@@ -19,6 +19,7 @@
 #include <zorl/core/mask_image.h>
 #include <zorl/halton/halton.h>
 
+#include "compute/tiled_image_data_access.h"
 #include "core/error_log.h"
 #include "core/parallel.h"
 #include "core/signature.h"
@@ -86,6 +87,19 @@ struct SourceAccess<_ImageData<T>> {
 
     const _ImageData<T>& src;
 };
+
+// The tiled RGB stores are read in place, through a table of the tiles that the
+// destination region needs (compute/tiled_image_data_access.h).
+template <>
+struct SourceAccess<KelTiledImageData> : detail::TiledSourceAccess<KelTiledImageData> {
+    using TiledSourceAccess::TiledSourceAccess;
+};
+template <>
+struct SourceAccess<BarcTiledImageData> : detail::TiledSourceAccess<BarcTiledImageData> {
+    using TiledSourceAccess::TiledSourceAccess;
+};
+template <class In>
+inline constexpr bool kIsTiledStore = std::is_base_of_v<TiledImageData, In>;
 
 // ---- the kernel -------------------------------------------------------------------
 
@@ -270,6 +284,14 @@ template <>
 struct ClassName<MaskImage> {
     static std::string get() { return "class zorl::MaskImage"; }
 };
+template <>
+struct ClassName<KelTiledImageData> {
+    static std::string get() { return "class zorl::KelTiledImageData"; }
+};
+template <>
+struct ClassName<BarcTiledImageData> {
+    static std::string get() { return "class zorl::BarcTiledImageData"; }
+};
 
 template <class Out, class In>
 std::string updateSignature() {
@@ -362,6 +384,13 @@ std::shared_ptr<Out> TransformComputer::createTransformedRoi(const In& source, c
         auto dst = std::make_shared<Out>(rp.size, data->colorProfile());
         resample(SourceAccess<RgbData>(*data), *dst, kNoRegion, t, true);
         return dst;
+    } else if constexpr (kIsTiledStore<In>) {
+        // No resize shortcut: it would build a dense copy of the whole canvas region.
+        if (rp.size.isEmpty()) return nullptr;
+        const AffineTransform t = settings_.getSamplingTransform(_Rect<float>(rp.rect), rp.size);
+        auto dst = std::make_shared<Out>(rp.size, source.colorProfile());
+        resample(SourceAccess<In>(source, t, dst->rect()), *dst, kNoRegion, t, true);
+        return dst;
     } else {
         if (isPlainReduction(settings_, rp, source.size())) return source.resize(rp.size, rp.rect, rp.resizeFlag);
         if (rp.size.isEmpty()) return nullptr;
@@ -382,6 +411,9 @@ void TransformComputer::updateTransformedRoi(const In& source, std::shared_ptr<O
         const std::shared_ptr<const RgbData> data = fetchImageData(source, dataSourceType_, true);
         if (!data) return;
         resample(SourceAccess<RgbData>(*data), *destination, destRect, t, false);
+    } else if constexpr (kIsTiledStore<In>) {
+        const SourceAccess<In> access(source, t, destinationRegion(destRect, destination->size()));
+        resample(access, *destination, destRect, t, false);
     } else {
         resample(SourceAccess<In>(source), *destination, destRect, t, false);
     }
@@ -398,12 +430,15 @@ ZORL_TC_CREATE(_ImageData<float>, _ImageData<float>)
 ZORL_TC_CREATE(_ImageData<PixelRGB<float>>, _ImageData<PixelRGB<float>>)
 ZORL_TC_CREATE(_ImageData<PixelRGBA<float>>, _ImageData<PixelRGBA<float>>)
 ZORL_TC_CREATE(_ImageData<PixelRGB<float>>, Image)
+ZORL_TC_CREATE(_ImageData<PixelRGB<float>>, BarcTiledImageData)
 
 ZORL_TC_UPDATE(_ImageData<uint8_t>, _ImageData<uint8_t>)
 ZORL_TC_UPDATE(_ImageData<float>, _ImageData<float>)
 ZORL_TC_UPDATE(_ImageData<PixelRGB<float>>, _ImageData<PixelRGB<float>>)
 ZORL_TC_UPDATE(_ImageData<PixelRGBA<float>>, _ImageData<PixelRGBA<float>>)
 ZORL_TC_UPDATE(_ImageData<PixelRGB<float>>, Image)
+ZORL_TC_UPDATE(_ImageData<PixelRGB<float>>, BarcTiledImageData)
+ZORL_TC_UPDATE(_ImageData<PixelRGB<float>>, KelTiledImageData)
 
 #undef ZORL_TC_CREATE
 #undef ZORL_TC_UPDATE

@@ -102,4 +102,50 @@ void BarcTiledImageData::blendWithImageData(const std::shared_ptr<const ImageDat
     BarcOps::blendWithImageData(*this, image, rp, mask, opacity);
 }
 
+void BarcTiledImageData::encode(const std::shared_ptr<Encoder>& encoder) const {
+    if (!encoder) return;
+    BarcOps::encodeHeader(*this, *encoder);
+    profile_->encode(encoder);
+    encoder->encodeInt(kTileSide);
+    std::vector<const ImageData*> present;
+    for (const auto& t : tiles_)
+        if (t) present.push_back(t.get());
+    const auto blocks = BarcOps::compressTiles(present, to_colorProfileCode(profile_));
+    std::size_t next = 0;
+    for (const auto& t : tiles_) {
+        encoder->encodeUint8(t ? 1 : 0);
+        if (!t) continue;
+        encoder->encodeUint64(blocks[next].size());
+        encoder->encodeData(blocks[next].data(), blocks[next].size());
+        ++next;
+    }
+}
+
+BarcTiledImageData::Ptr BarcTiledImageData::decode(const std::shared_ptr<Decoder>& decoder) {
+    if (!checkNotNull(decoder, BarcOps::decodeSignature(), "Decoder is null")) return nullptr;
+    std::string message;
+    std::unique_ptr<BarcTiledImageData> s = BarcOps::decodeHeader(decoder, message);
+    std::vector<BarcOps::PendingTile> pending;
+    const int count = s ? s->tilesX_ * s->tilesY_ : 0;
+    for (int i = 0; s && i < count; ++i) {
+        uint8_t flag = 0;
+        if (!decoder->decodeUint8(flag)) {
+            message = "Stream is truncated";
+            s.reset();
+        } else if (flag > 1) {
+            message = "Tile flag out of range";
+            s.reset();
+        } else if (flag == 1) {
+            pending.push_back({i % s->tilesX_, i / s->tilesX_, {}});
+            if (!BarcOps::readBlock(decoder, pending.back().block, message)) s.reset();
+        }
+    }
+    if (s && !BarcOps::installTiles(*s, pending, message)) s.reset();
+    if (!s) {
+        logError(BarcOps::decodeSignature(), message);
+        return nullptr;
+    }
+    return Ptr(s.release());
+}
+
 }  // namespace zorl

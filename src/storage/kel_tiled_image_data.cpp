@@ -156,4 +156,69 @@ void KelTiledImageData::blendWithImageData(const std::shared_ptr<const ImageData
 
 void KelTiledImageData::markAllModified() { std::fill(modified_.begin(), modified_.end(), uint8_t(1)); }
 
+void KelTiledImageData::encode(const std::shared_ptr<Encoder>& encoder) const {
+    if (!encoder) return;
+    KelOps::encodeHeader(*this, *encoder);
+    profile_->encode(encoder);
+    encoder->encodeInt(kTileSide);
+    encoder->encodeInt(kSupertileTiles);
+    std::vector<const ImageData*> tiles;
+    std::vector<uint32_t> indices;
+    for (int ty = 0; ty < tilesY_; ++ty)
+        for (int tx = 0; tx < tilesX_; ++tx)
+            if (const ImageData* t = tileAt(tx, ty)) {
+                tiles.push_back(t);
+                indices.push_back(static_cast<uint32_t>(ty * tilesX_ + tx));
+            }
+    const auto blocks = KelOps::compressTiles(tiles, to_colorProfileCode(profile_));
+    encoder->encodeUint32(static_cast<uint32_t>(tiles.size()));
+    for (std::size_t i = 0; i < blocks.size(); ++i) {
+        encoder->encodeUint32(indices[i]);
+        encoder->encodeUint64(blocks[i].size());
+        encoder->encodeData(blocks[i].data(), blocks[i].size());
+    }
+}
+
+KelTiledImageData::Ptr KelTiledImageData::decode(const std::shared_ptr<Decoder>& decoder) {
+    if (!checkNotNull(decoder, KelOps::decodeSignature(), "Decoder is null")) return nullptr;
+    std::string message;
+    std::unique_ptr<KelTiledImageData> s = KelOps::decodeHeader(decoder, message);
+    int supertileSide = 0;
+    uint32_t count = 0;
+    if (s && (!decoder->decodeInt(supertileSide) || !decoder->decodeUint32(count))) {
+        message = "Stream is truncated";
+        s.reset();
+    }
+    if (s && supertileSide != kSupertileTiles) {
+        message = "Supertile size differs";
+        s.reset();
+    }
+    if (s && count > static_cast<uint32_t>(s->tilesX_ * s->tilesY_)) {
+        message = "Tile count out of range";
+        s.reset();
+    }
+    std::vector<KelOps::PendingTile> pending;
+    int64_t previous = -1;
+    for (uint32_t i = 0; s && i < count; ++i) {
+        uint32_t index = 0;
+        if (!decoder->decodeUint32(index)) {
+            message = "Stream is truncated";
+            s.reset();
+        } else if (int64_t(index) <= previous || index >= static_cast<uint32_t>(s->tilesX_ * s->tilesY_)) {
+            message = "Tile index out of order or out of range";
+            s.reset();
+        } else {
+            previous = index;
+            pending.push_back({int(index) % s->tilesX_, int(index) / s->tilesX_, {}});
+            if (!KelOps::readBlock(decoder, pending.back().block, message)) s.reset();
+        }
+    }
+    if (s && !KelOps::installTiles(*s, pending, message)) s.reset();
+    if (!s) {
+        logError(KelOps::decodeSignature(), message);
+        return nullptr;
+    }
+    return Ptr(s.release());
+}
+
 }  // namespace zorl

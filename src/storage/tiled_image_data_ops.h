@@ -15,7 +15,11 @@
 #include <type_traits>
 #include <vector>
 
+#include <atomic>
+#include <mutex>
+
 #include <imageprocessing/blending.h>
+#include <imageprocessing/compression.h>
 #include <imageprocessing/tiled_image_data_stores.h>
 #include <zorl/core/image_transform_settings.h>
 
@@ -320,6 +324,134 @@ struct TiledStoreOps {
             const _Rect<int> local{part.x - tx * kSide, part.y - ty * kSide, part.width, part.height};
             blendImages(layer, base, base, tileMask, opacity, BlendModeType::Normal, local);
         });
+    }
+
+    // ---- serialisation ------------------------------------------------------------
+
+    static constexpr int kFormatVersion = 1;
+    static constexpr uint64_t kTilePayloadBytes = uint64_t(kSide) * kSide * sizeof(TilePixel);
+    // Float tiles gain little from slower zlib levels; level 1 keeps saving fast.
+    static constexpr int kTileZlibLevel = 1;
+    static constexpr uint32_t kTileChannels = 3;
+
+    static std::string decodeSignature() {
+        return "class std::shared_ptr<class " + className() + "> __cdecl " + className() +
+               "::decode(const class std::shared_ptr<class zorl::Decoder> &)";
+    }
+
+    // One tile as a tracked block: field 3 the pixel layout code (RgbF32), field 4 the
+    // bytes per pixel, field 5 the profile code, field 6 the channel count.
+    static std::vector<uint8_t> compressTile(const TileImage& tile, uint32_t profileCode) {
+        std::vector<uint8_t> raw(kTilePayloadBytes), block;
+        std::memcpy(raw.data(), tile.data(), kTilePayloadBytes);
+        ImageCompressorLosslessZlib::compressEx(raw, block, kSide, kSide, to_imageDataTypeCode(ImageDataType::RgbF32),
+                                                sizeof(TilePixel), profileCode, kTileChannels, kTileZlibLevel, 1, 0);
+        return block;
+    }
+
+    // Compresses the listed tiles in parallel; blocks in list order.
+    static std::vector<std::vector<uint8_t>> compressTiles(const std::vector<const TileImage*>& tiles,
+                                                           uint32_t profileCode) {
+        std::vector<std::vector<uint8_t>> blocks(tiles.size());
+        parallelFor(std::size_t(0), tiles.size(), [&](std::size_t b, std::size_t e) {
+            for (std::size_t i = b; i < e; ++i) blocks[i] = compressTile(*tiles[i], profileCode);
+        });
+        return blocks;
+    }
+
+    // The header fields every store writes first.
+    static void encodeHeader(const Store& s, Encoder& e) {
+        e.encodeInt(kFormatVersion);
+        e.encodeInt(s.width());
+        e.encodeInt(s.height());
+        e.encodeFloat(s.fillColor().r);
+        e.encodeFloat(s.fillColor().g);
+        e.encodeFloat(s.fillColor().b);
+    }
+
+    // Reads the common header; null (with message set) on a fault.
+    static std::unique_ptr<Store> decodeHeader(const std::shared_ptr<Decoder>& d, std::string& message) {
+        int version = 0, w = 0, h = 0, side = 0;
+        TilePixel fill{};
+        if (!d->decodeInt(version)) return message = "Stream is truncated", nullptr;
+        if (version != kFormatVersion) return message = "Unknown format version", nullptr;
+        if (!d->decodeInt(w) || !d->decodeInt(h) || !d->decodeFloat(fill.r) || !d->decodeFloat(fill.g) ||
+            !d->decodeFloat(fill.b))
+            return message = "Stream is truncated", nullptr;
+        if (w < 0 || h < 0 || w > kMaxTiledImageSide || h > kMaxTiledImageSide)
+            return message = "Size out of range", nullptr;
+        ColorProfilePtr profile = ColorProfileType::decode(d);
+        if (!profile) return message = d->failed() ? "Stream is truncated" : "Unknown color profile", nullptr;
+        if (!d->decodeInt(side)) return message = "Stream is truncated", nullptr;
+        if (side != kSide) return message = "Tile size differs", nullptr;
+        return std::make_unique<Store>(_Size<int>{w, h}, fill, std::move(profile));
+    }
+
+    // Reads one block (uint64 byte count, then the bytes); false with message on a fault.
+    static bool readBlock(const std::shared_ptr<Decoder>& d, std::vector<uint8_t>& block, std::string& message) {
+        uint64_t n = 0;
+        if (!d->decodeUint64(n)) return message = "Stream is truncated", false;
+        if (n < kTrackedHeaderBytes || n > d->remaining()) return message = "Tile block length out of range", false;
+        block.resize(n);
+        if (!d->decodeData(block.data(), n)) return message = "Stream is truncated", false;
+        return true;
+    }
+
+    // Restores one tile; null with message when the header disagrees with a tile of this
+    // store or the stream is corrupt.
+    static std::shared_ptr<TileImage> decompressTile(const std::vector<uint8_t>& block, uint32_t profileCode,
+                                                     const ColorProfilePtr& profile, std::string& message) {
+        STrackVersionFormat track;
+        SCompressedDataSignature signature;
+        SCompressedImageFormat format;
+        std::memcpy(&track, block.data(), sizeof track);
+        std::memcpy(&signature, block.data() + sizeof track, sizeof signature);
+        std::memcpy(&format, block.data() + sizeof track + sizeof signature, sizeof format);
+        const bool headerOk = track.word0 == -1 && track.word1 == -1 && signature.versionMajor == 1 &&
+                              signature.versionMinor == 0 && signature.codec == 1 && format.width == uint32_t(kSide) &&
+                              format.height == uint32_t(kSide) &&
+                              format.dataType == to_imageDataTypeCode(ImageDataType::RgbF32) &&
+                              format.bytesPerValue == sizeof(TilePixel) && format.colorProfile == profileCode &&
+                              format.channels == kTileChannels && format.streamLength == block.size() - kTrackedHeaderBytes;
+        if (!headerOk) return message = "Tile block header is inconsistent", nullptr;
+        std::vector<uint8_t> raw;
+        try {
+            ImageCompressorLosslessZlib::uncompressEx(block, raw, kTilePayloadBytes, 1, 0);
+        } catch (const ImageCompressorLosslessZlib::CompressorException& e) {
+            return message = std::string("Tile block is corrupt: ") + e.what(), nullptr;
+        }
+        if (raw.size() != kTilePayloadBytes) return message = "Tile block is corrupt", nullptr;
+        auto tile = std::make_shared<TileImage>(_Size<int>{kSide, kSide}, profile);
+        std::memcpy(tile->data(), raw.data(), kTilePayloadBytes);
+        return tile;
+    }
+
+    struct PendingTile {
+        int tx, ty;
+        std::vector<uint8_t> block;
+    };
+
+    // Decompresses the blocks in parallel and installs the tiles; false with message on
+    // the first fault (nothing is installed then).
+    static bool installTiles(Store& s, std::vector<PendingTile>& pending, std::string& message) {
+        const uint32_t profileCode = to_colorProfileCode(s.colorProfile());
+        std::vector<std::shared_ptr<TileImage>> tiles(pending.size());
+        std::atomic<bool> failed{false};
+        std::mutex messageMutex;
+        parallelFor(std::size_t(0), pending.size(), [&](std::size_t b, std::size_t e) {
+            for (std::size_t i = b; i < e && !failed.load(std::memory_order_relaxed); ++i) {
+                std::string m;
+                tiles[i] = decompressTile(pending[i].block, profileCode, s.colorProfile(), m);
+                if (!tiles[i]) {
+                    std::lock_guard<std::mutex> lock(messageMutex);
+                    if (!failed.exchange(true)) message = m;
+                }
+                std::vector<uint8_t>().swap(pending[i].block);
+            }
+        });
+        if (failed) return false;
+        for (std::size_t i = 0; i < pending.size(); ++i) s.installTile(pending[i].tx, pending[i].ty, std::move(tiles[i]));
+        return true;
     }
 
     // Bytes of one present tile: its pixels and its container.

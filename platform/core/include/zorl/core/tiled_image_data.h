@@ -73,6 +73,8 @@ public:
     virtual void fillRoi(_Rect<int> r, const Pixel& value) = 0;
     // Drops every tile: the whole image becomes value.
     virtual void setFillWith(const Pixel& value) = 0;
+    // Writes the store to the stream (the store's own format, compressed tiles).
+    virtual void encode(const std::shared_ptr<Encoder>& encoder) const = 0;
 
 protected:
     // A null profile stands for ColorProfileType::None(). The size must already be
