@@ -8,6 +8,7 @@
 #include <variant>
 
 #include <imageprocessing/image_data_compute_unit.h>
+#include <imageprocessing/tiled_mask_image.h>
 #include <zorl/core/image.h>
 
 #include "support/test_support.h"
@@ -299,6 +300,34 @@ TEST(ImageDataComputeUnit, EveryInstantiation) {
     unit.updateWorkingImage(image, {5, 4, 1, 1});
     EXPECT_EQ(unit.getWorkingImageUpdateRect(), _Rect<int>(3, 3, 1, 1));  // the crop's offset
     EXPECT_EQ(unit.workingImage()->at(3, 3), (RGB{3, 3, 3}));
+}
+
+TEST(ImageDataComputeUnit, TiledMaskRenditions) {
+    auto mask = std::make_shared<TiledMaskImage>(_Size<int>{320, 240}, 0.0f);
+    ImageDataComputeUnit<MaskImage, TiledMaskImage> unit(mask);
+    unit.setTransform(framing({320, 240}, CropDescription({0, 0, 320, 240}, 0.0f, true, false), {0, 0, 160, 120},
+                              {160, 120}));
+    const auto working = unit.workingImage();
+    ASSERT_TRUE(working);
+    EXPECT_TRUE(working->isFilled(0.0f));
+    EXPECT_EQ(unit.preview()->size(), _Size<int>(500, 375));
+    EXPECT_EQ(unit.thumbnail()->size(), _Size<int>(80, 60));
+    unit.getWorkingImageUpdateRect();
+
+    // A dab at source x 200..209 shows mirrored at working x 110..119 (x -> 319 - x).
+    for (int y = 30; y < 40; ++y)
+        for (int x = 200; x < 210; ++x) mask->setValue(1.0f, x, y);
+    // The mapped rectangle of a mirrored axis can fall one pixel short of the corner
+    // samples: pass the dab grown by one pixel, as the editor does.
+    const _Rect<int> dab{200, 30, 10, 10};
+    unit.updateWorkingImage(mask, dab.inset(-1, -1));
+    const _Rect<int> target = unit.getWorkingImageUpdateRect();
+    EXPECT_EQ(target, unit.workingRectForRect(dab.inset(-1, -1)));
+    EXPECT_TRUE(target.contains(_Rect<int>{110, 30, 10, 10}));
+    EXPECT_FALSE(unit.hasThumbnail());
+    for (int y = 28; y < 42; ++y)
+        for (int x = 108; x < 122; ++x)
+            EXPECT_EQ(unit.workingImage()->at(x, y), (x >= 110 && x < 120 && y >= 30 && y < 40) ? 1.0f : 0.0f) << x << "," << y;
 }
 
 }  // namespace

@@ -11,7 +11,8 @@
 // the rendition and accumulate it in an update rectangle that the caller collects.
 // All pixel work is done by the unit's TransformComputer.
 //
-// Instantiated for (Out, In) = (_ImageData<uint8_t>, same), (_ImageData<float>, same),
+// Instantiated for (Out, In) = (MaskImage, TiledMaskImage), (_ImageData<uint8_t>, same),
+// (_ImageData<float>, same),
 // (_ImageData<PixelRGB<float>>, same), (_ImageData<PixelRGB<float>>, Image),
 // (_ImageData<PixelRGBA<float>>, same), (_ImageData<PixelRGB<float>>, BarcTiledImageData).
 //

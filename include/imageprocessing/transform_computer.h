@@ -109,8 +109,10 @@ public:
     // Null for an empty rp.size, an Image whose requested data is missing, or an unknown
     // data-source type. Throws std::bad_variant_access when the transform parameters
     // are used and do not hold an AffineTransform.
-    // Instantiated for (Out, In) = (_ImageData<uint8_t>, same), (_ImageData<float>,
-    // same), (_ImageData<PixelRGB<float>>, same), (_ImageData<PixelRGBA<float>>, same),
+    // Tiled masks (MaskImage renditions) are always resampled, without the shortcut.
+    // Instantiated for (Out, In) = (MaskImage, TiledMaskImage), (_ImageData<uint8_t>,
+    // same), (_ImageData<float>, same), (_ImageData<PixelRGB<float>>, same),
+    // (_ImageData<PixelRGBA<float>>, same),
     // (_ImageData<PixelRGB<float>>, Image), (_ImageData<PixelRGB<float>>,
     // BarcTiledImageData); tiled sources take no resize shortcut (they are always
     // resampled, the older scheme at pixel centres).
@@ -122,8 +124,9 @@ public:
     // outside the rectangle are untouched; a rectangle wholly outside writes nothing.
     // The rotation-only policy does not supersample here. A null destination is logged
     // ("destination is null") and nothing is written; throws as createTransformedRoi.
-    // Instantiated for (_ImageData<uint8_t>, same), (_ImageData<float>, same),
-    // (_ImageData<PixelRGB<float>>, same), (_ImageData<PixelRGB<float>>, Image),
+    // Instantiated for (MaskImage, TiledMaskImage), (_ImageData<uint8_t>, same),
+    // (_ImageData<float>, same), (_ImageData<PixelRGB<float>>, same),
+    // (_ImageData<PixelRGB<float>>, Image),
     // (_ImageData<PixelRGBA<float>>, same), (_ImageData<PixelRGB<float>>,
     // BarcTiledImageData), (_ImageData<PixelRGB<float>>, KelTiledImageData).
     template <class Out, class In>

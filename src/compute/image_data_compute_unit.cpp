@@ -7,6 +7,7 @@
 #include <variant>
 
 #include <imageprocessing/tiled_image_data_stores.h>
+#include <imageprocessing/tiled_mask_image.h>
 #include <zorl/core/image.h>
 
 namespace zorl {
@@ -247,5 +248,6 @@ template class ZORL_IP_EXPORT ImageDataComputeUnit<_ImageData<PixelRGB<float>>, 
 template class ZORL_IP_EXPORT ImageDataComputeUnit<_ImageData<PixelRGB<float>>, Image>;
 template class ZORL_IP_EXPORT ImageDataComputeUnit<_ImageData<PixelRGB<float>>, BarcTiledImageData>;
 template class ZORL_IP_EXPORT ImageDataComputeUnit<_ImageData<PixelRGBA<float>>, _ImageData<PixelRGBA<float>>>;
+template class ZORL_IP_EXPORT ImageDataComputeUnit<MaskImage, TiledMaskImage>;
 
 }  // namespace zorl

@@ -14,6 +14,7 @@
 #include <string>
 #include <variant>
 
+#include <imageprocessing/tiled_mask_image.h>
 #include <zorl/core/image.h>
 #include <zorl/core/image_utils.h>
 #include <zorl/core/mask_image.h>
@@ -86,6 +87,23 @@ struct SourceAccess<_ImageData<T>> {
     ImageLoadState loadState() const { return src.getLoadState(); }
 
     const _ImageData<T>& src;
+};
+
+// Tiled masks are read pixel by pixel through getValue (an absent tile reads as the fill
+// value; a prepared whole image takes precedence). A mask has no load state of its own:
+// it is always complete.
+template <>
+struct SourceAccess<TiledMaskImage> {
+    using Pixel = float;
+    static constexpr bool kCentreSample = false;
+
+    explicit SourceAccess(const TiledMaskImage& s) : src(s) {}
+    int width() const { return src.width(); }
+    int height() const { return src.height(); }
+    float at(int x, int y) const { return src.getValue(x, y); }
+    ImageLoadState loadState() const { return ImageLoadState::Full; }
+
+    const TiledMaskImage& src;
 };
 
 // The tiled RGB stores are read in place, through a table of the tiles that the
@@ -285,6 +303,10 @@ struct ClassName<MaskImage> {
     static std::string get() { return "class zorl::MaskImage"; }
 };
 template <>
+struct ClassName<TiledMaskImage> {
+    static std::string get() { return "class zorl::TiledMaskImage"; }
+};
+template <>
 struct ClassName<KelTiledImageData> {
     static std::string get() { return "class zorl::KelTiledImageData"; }
 };
@@ -384,6 +406,13 @@ std::shared_ptr<Out> TransformComputer::createTransformedRoi(const In& source, c
         auto dst = std::make_shared<Out>(rp.size, data->colorProfile());
         resample(SourceAccess<RgbData>(*data), *dst, kNoRegion, t, true);
         return dst;
+    } else if constexpr (std::is_same_v<In, TiledMaskImage>) {
+        // No resize shortcut: a tiled mask has no region resize of its own.
+        if (rp.size.isEmpty()) return nullptr;
+        const AffineTransform t = settings_.getSamplingTransform(_Rect<float>(rp.rect), rp.size);
+        auto dst = std::make_shared<MaskImage>(rp.size, 0.0f);
+        resample(SourceAccess<In>(source), *dst, kNoRegion, t, true);
+        return dst;
     } else if constexpr (kIsTiledStore<In>) {
         // No resize shortcut: it would build a dense copy of the whole canvas region.
         if (rp.size.isEmpty()) return nullptr;
@@ -430,6 +459,7 @@ ZORL_TC_CREATE(_ImageData<float>, _ImageData<float>)
 ZORL_TC_CREATE(_ImageData<PixelRGB<float>>, _ImageData<PixelRGB<float>>)
 ZORL_TC_CREATE(_ImageData<PixelRGBA<float>>, _ImageData<PixelRGBA<float>>)
 ZORL_TC_CREATE(_ImageData<PixelRGB<float>>, Image)
+ZORL_TC_CREATE(MaskImage, TiledMaskImage)
 ZORL_TC_CREATE(_ImageData<PixelRGB<float>>, BarcTiledImageData)
 
 ZORL_TC_UPDATE(_ImageData<uint8_t>, _ImageData<uint8_t>)
@@ -437,6 +467,7 @@ ZORL_TC_UPDATE(_ImageData<float>, _ImageData<float>)
 ZORL_TC_UPDATE(_ImageData<PixelRGB<float>>, _ImageData<PixelRGB<float>>)
 ZORL_TC_UPDATE(_ImageData<PixelRGBA<float>>, _ImageData<PixelRGBA<float>>)
 ZORL_TC_UPDATE(_ImageData<PixelRGB<float>>, Image)
+ZORL_TC_UPDATE(MaskImage, TiledMaskImage)
 ZORL_TC_UPDATE(_ImageData<PixelRGB<float>>, BarcTiledImageData)
 ZORL_TC_UPDATE(_ImageData<PixelRGB<float>>, KelTiledImageData)
 
