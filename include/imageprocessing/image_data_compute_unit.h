@@ -81,6 +81,10 @@ public:
     // working size `size`, enclosed in whole pixels and clipped to (0, 0, size). The
     // empty rectangle when roi or size has a zero side, or nothing is left. Throws
     // std::bad_variant_access as TransformComputer does.
+    // The mapping is of areas, the resampler's of corner positions: where an axis is
+    // mirrored or rotated, or a pixel is supersampled, the pixels that read a changed
+    // source pixel can reach one pixel beyond the mapped rectangle. Callers that must
+    // refresh every such pixel pass the changed rectangle grown by one (rect.inset(-1, -1)).
     _Rect<int> imageRectForRect(const _Rect<int>& rect, const _Rect<float>& roi, const _Size<int>& size) const;
     _Rect<int> workingRectForRect(const _Rect<int>& rect) const;
     _Rect<int> previewRectForRect(const _Rect<int>& rect) const;
