@@ -121,11 +121,11 @@ constexpr double kPi = 3.14159265358979323846;
 // record carrying exactly this value applies no S-curve (see the header).
 constexpr float kUnfittedContrast = 0.5f;
 
-// y pulled towards the cosine S-curve 0.5 - 0.5 cos(pi y) by weight w.
-inline float cosineCurve(float y, float w) {
-    const float c = static_cast<float>(std::cos(kPi * static_cast<double>(y) + kPi));
-    return y + (0.5f * c + 0.5f - y) * w;
-}
+// y pulled towards the cosine S-curve 0.5 + 0.5 cos(pi y + pi) by weight w; the cosine
+// is taken in double precision and rounded to float.
+inline float cosineTerm(float y) { return static_cast<float>(std::cos(kPi * static_cast<double>(y) + kPi)); }
+inline float mixCosine(float y, float c, float w) { return y + (0.5f * c + 0.5f - y) * w; }
+inline float cosineCurve(float y, float w) { return mixCosine(y, cosineTerm(y), w); }
 
 struct ExposureModel {
     float gain, scale, offset, contrast;
@@ -214,17 +214,16 @@ Samples sampleRGB(const float* src, const float* dst, int width, int height) {
     return s;
 }
 
-// Mean of (target - model(source))^2 over the samples; NaN when there are none.
-template <class Model>
-double meanSquaredError(const Samples& s, const Model& model, ManagedBuffer<double>& rowSums) {
+// Mean of (target[k] - modelled(k))^2 over the samples; NaN when there are none.
+template <class Modelled>
+double meanSquaredErrorOf(const Samples& s, const Modelled& modelled, ManagedBuffer<double>& rowSums) {
     const int ww = s.size.width;
-    const float* source = s.source.data();
     const float* target = s.target.data();
     parallelFor(0, s.size.height, [&](int r0, int r1) {
         for (int r = r0; r < r1; ++r) {
             double sum = 0.0;
             for (std::size_t k = static_cast<std::size_t>(r) * ww, end = k + ww; k < end; ++k) {
-                const double d = static_cast<double>(target[k]) - static_cast<double>(model(source[k]));
+                const double d = static_cast<double>(target[k]) - static_cast<double>(modelled(k));
                 sum += d * d;
             }
             rowSums[r] = sum;
@@ -233,6 +232,13 @@ double meanSquaredError(const Samples& s, const Model& model, ManagedBuffer<doub
     double total = 0.0;
     for (int r = 0; r < s.size.height; ++r) total += rowSums[r];
     return total / static_cast<double>(s.size.count());
+}
+
+// The same with the model applied to each source sample.
+template <class Model>
+double meanSquaredError(const Samples& s, const Model& model, ManagedBuffer<double>& rowSums) {
+    const float* source = s.source.data();
+    return meanSquaredErrorOf(s, [&](std::size_t k) { return model(source[k]); }, rowSums);
 }
 
 // Bisection on the sign of a forward difference: keeps the last midpoint evaluated (the
@@ -375,18 +381,38 @@ void autoExposureEstimateRGB(float* src, float* dst, int width, int height, auto
     auto_exposure_data_t rec = kStartRecord;
     // Searches in order, each with the fields found before it in force; the S-curve step
     // is part of the model only while its own weight is searched.
-    const auto search = [&](const Search& range, float auto_exposure_data_t::*field, bool curve) {
+    const auto search = [&](const Search& range, float auto_exposure_data_t::*field) {
         rec.*field = bisect(range.lo, range.hi, range.tolerance, rec.*field, [&](float p) {
             auto_exposure_data_t trial = rec;
             trial.*field = p;
-            const ExposureModel model{trial.gain, trial.scale, trial.offset, trial.contrast, curve};
+            const ExposureModel model{trial.gain, trial.scale, trial.offset, trial.contrast, false};
             return meanSquaredError(samples, model, rowSums);
         });
     };
-    search(kGainSearch, &auto_exposure_data_t::gain, false);
-    if (flags & kAutoExposureFitScale) search(kScaleSearch, &auto_exposure_data_t::scale, false);
-    if (flags & kAutoExposureFitOffset) search(kOffsetSearch, &auto_exposure_data_t::offset, false);
-    if (flags & kAutoExposureFitContrast) search(kContrastSearch, &auto_exposure_data_t::contrast, true);
+    search(kGainSearch, &auto_exposure_data_t::gain);
+    if (flags & kAutoExposureFitScale) search(kScaleSearch, &auto_exposure_data_t::scale);
+    if (flags & kAutoExposureFitOffset) search(kOffsetSearch, &auto_exposure_data_t::offset);
+    if (flags & kAutoExposureFitContrast) {
+        // Only the curve weight moves in this search: apply_exposure and the cosine of
+        // every sample are computed once, and each cost evaluation only mixes them (the
+        // same arithmetic as the full model, so the same costs).
+        const std::size_t n = samples.size.count();
+        ManagedBuffer<float> exposed(n), cosine(n);
+        const ExposureModel plain{rec.gain, rec.scale, rec.offset, 0.0f, false};
+        parallelFor(std::size_t{0}, n, [&](std::size_t k0, std::size_t k1) {
+            for (std::size_t k = k0; k < k1; ++k) {
+                exposed[k] = plain(samples.source[k]);
+                cosine[k] = cosineTerm(exposed[k]);
+            }
+        });
+        const float* y = exposed.data();
+        const float* c = cosine.data();
+        rec.contrast = bisect(kContrastSearch.lo, kContrastSearch.hi, kContrastSearch.tolerance, rec.contrast,
+                              [&](float w) {
+                                  return meanSquaredErrorOf(
+                                      samples, [&](std::size_t k) { return mixCosine(y[k], c[k], w); }, rowSums);
+                              });
+    }
     *data = rec;
 }
 
@@ -408,7 +434,24 @@ void autoExposureApplyRGB(float* src, float* dst, int width, int height, const a
     buildModelTable(model, table.data());
     const float* t = table.data();
     parallelFor(0, height, [&](int y0, int y1) {
-        for (std::size_t i = y0 * rowValues, end = y1 * rowValues; i < end; ++i) {
+        const std::size_t begin = y0 * rowValues, end = y1 * rowValues;
+        std::size_t i = begin;
+        // Four values at a time: the index of (x - offset) * scale + offset as
+        // tableIndex computes it (max with 0 first, which also turns NaN into 0, then
+        // min with the last index, then truncation); values above 1 take the direct path.
+        const __m128 offset = _mm_set1_ps(model.offset), scale = _mm_set1_ps(model.scale);
+        const __m128 one = _mm_set1_ps(1.0f), indexScale = _mm_set1_ps(kIndexScale);
+        const __m128 zero = _mm_setzero_ps(), last = _mm_set1_ps(static_cast<float>(kLastIndex));
+        for (; i + 4 <= end; i += 4) {
+            const __m128 x = _mm_loadu_ps(src + i);
+            const __m128 u = _mm_add_ps(_mm_mul_ps(_mm_sub_ps(x, offset), scale), offset);
+            const __m128 f = _mm_min_ps(_mm_max_ps(_mm_mul_ps(u, indexScale), zero), last);
+            alignas(16) int32_t index[4];
+            _mm_store_si128(reinterpret_cast<__m128i*>(index), _mm_cvttps_epi32(f));
+            const int above = _mm_movemask_ps(_mm_cmpgt_ps(x, one));
+            for (int l = 0; l < 4; ++l) dst[i + l] = (above >> l) & 1 ? model(src[i + l]) : t[index[l]];
+        }
+        for (; i < end; ++i) {
             const float x = src[i];
             dst[i] = x > 1.0f ? model(x) : t[tableIndex((x - model.offset) * model.scale + model.offset)];
         }
