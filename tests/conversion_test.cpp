@@ -376,19 +376,6 @@ TEST(ConvertLoop, AlphaRules) {
     EXPECT_EQ(fromArgb, (PixelRGB<float>{0.2f, 0.3f, 0.4f}));
 }
 
-TEST(ConvertLoop, BgrSourcesSwapIntoPlace) {
-    const PixelBGR<uint8_t> bgr{255, 0, 51};
-    PixelRGB<float> out{};
-    convertLoop(&bgr, &out, 1);
-    EXPECT_EQ(out, (PixelRGB<float>{51.0f * 0.003921568859368563f, 0.0f, 1.0f}));
-    const PixelBGRA<uint8_t> bgra{0, 255, 51, 7};
-    convertLoop(&bgra, &out, 1);
-    EXPECT_EQ(out, (PixelRGB<float>{51.0f * 0.003921568859368563f, 1.0f, 0.0f}));
-    const PixelBGR<uint16_t> bgr16{65535, 0, 1};
-    convertLoop(&bgr16, &out, 1);
-    EXPECT_EQ(out, (PixelRGB<float>{1.5259021893143654e-05f, 0.0f, 1.0f}));
-}
-
 TEST(ConvertLoop, GrayFillsEveryColourChannel) {
     const float gray[] = {0.5f, kNaN, 2.0f, 0.999f, 0.25f};
     std::vector<PixelRGB<uint8_t>> rgb8(5);
@@ -469,14 +456,6 @@ TEST(ImageDataConversion, EmptySourceIsLoggedAndGivesNull) {
             "zorl::intToFloatImageData<unsigned short>(const class std::shared_ptr<class zorl::_ImageData<struct "
             "zorl::PixelRGB<unsigned short> > const > &): [intToFloatImageData]: no srcImageData"}));
     EXPECT_TRUE(balance.balanced());
-}
-
-TEST(ImageDataConversion, OneThreadEqualsMany) {
-    const auto src = makeFloatImage({700, 300}, 11);
-    const auto many = floatToIntImageData<uint16_t>(src);
-    std::shared_ptr<_ImageData<PixelRGB<uint16_t>>> one;
-    onOneThread([&] { one = floatToIntImageData<uint16_t>(src); });
-    EXPECT_EQ(pixelsOf(*many), pixelsOf(*one));
 }
 
 }  // namespace
