@@ -1,10 +1,10 @@
 // Size and rectangle scaling helpers, scaleDataSquare and getRectangleIntersection.
 //
 // Rounding conventions (each function keeps its own, see scaling.h):
-//   mul32(a, b)  the product of two ints in 32-bit arithmetic, wrapping on overflow;
-//   truncToInt(f)     float to int toward zero by the x86 truncating conversion, so that an
-//                out-of-range or NaN quotient (a zero side) gives INT_MIN instead of
-//                undefined behaviour;
+//   mul32(a, b)    the product of two ints in 32-bit arithmetic, wrapping on overflow;
+//   truncToInt(f)  float to int toward zero by the x86 truncating conversion, so that an
+//                  out-of-range or NaN quotient (a zero side) gives INT_MIN instead of
+//                  undefined behaviour;
 //   divisions are float / float.
 
 #include <imageprocessing/scaling.h>
