@@ -212,6 +212,24 @@ TEST(AutoExposureEstimate, AnSCurveInTheTargetIsPartlyTakenByTheGain) {
     EXPECT_LT(rmsWith, 1e-2);
 }
 
+TEST(AutoExposureEstimate, WhereTheCostIsFlatTheSearchTakesTheLowerHalf) {
+    // A white source against an unreachable target of 2: every gain that drives the
+    // curve to its top gives the same cost, so the gain ends at the edge of that range
+    // (the smallest gain reaching the top, within the 0.01 tolerance), and the other
+    // fields, flat once everything clips, at their lowest midpoints.
+    const int w = 16, h = 8;
+    std::vector<float> src(std::size_t(w) * h * 3, 1.0f), dst(src.size(), 2.0f);
+    const float top = apply_exposure(1.0f, 2.0f, 0.9f, 0.5f);
+    float edge = 0.1f;
+    while (apply_exposure(1.0f, edge, 0.9f, 0.5f) < top) edge += 0.0005f;
+    auto_exposure_data_t d;
+    autoExposureEstimateRGB(src.data(), dst.data(), w, h, &d, 7);
+    EXPECT_NEAR(d.gain, edge, 0.01f);
+    EXPECT_FLOAT_EQ(d.scale, 0.87f + 0.13f / 2048);  // eleven halvings
+    EXPECT_FLOAT_EQ(d.offset, 0.4f + 0.4f / 64);     // six
+    EXPECT_FLOAT_EQ(d.contrast, 1.0f / 128);         // seven
+}
+
 TEST(AutoExposureEstimate, ReducesWideImagesTo512Columns) {
     // 1024 x 6 made of constant 2 x 2 blocks (dyadic values, so block means are exact)
     // reduces to exactly the 512 x 3 image of the block values.
