@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <tuple>
 
@@ -20,6 +22,7 @@
 #include <zorl/halton/halton.h>
 
 #include "compute/tiled_image_data_access.h"
+#include "storage/tiled_image_data_fuzz.h"
 #include "support/test_support.h"
 
 namespace zorl {
@@ -759,6 +762,53 @@ TEST(TiledRenditions, BarcComputeUnitKeepsItsRenditionsUpToDate) {
     for (int y = changedWorking.y; y < changedWorking.bottom(); ++y)
         for (int x = changedWorking.x; x < changedWorking.right(); ++x)
             ASSERT_EQ(working->at(x, y), freshWorking->at(x, y)) << x << "," << y;
+}
+
+// ---- fuzz corpus ----
+
+std::filesystem::path corpusDir() {
+    const char* data = std::getenv("ZORL_TEST_DATA");
+    return std::filesystem::path(data ? data : "tests/data") / ".." / ".." / "fuzz" / "corpus" / "fuzz_tiled_image_data";
+}
+
+// Every committed corpus file goes through the fuzz entry point: no crash, no exception,
+// no memory left behind.
+TEST(TiledImageDataFuzzCorpus, ReplaysEveryFile) {
+    test::LogCapture quiet;
+    test::MemoryBalance balance;
+    ASSERT_TRUE(std::filesystem::is_directory(corpusDir())) << corpusDir();
+    int files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(corpusDir())) {
+        std::ifstream in(entry.path(), std::ios::binary);
+        const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
+        SCOPED_TRACE(entry.path().string());
+        EXPECT_NO_THROW(fuzz::tiledImageData(bytes.data(), bytes.size()));
+        ++files;
+    }
+    EXPECT_GE(files, 4);
+    EXPECT_TRUE(balance.balanced());
+}
+
+// Writes the seed corpus (run by hand: --gtest_also_run_disabled_tests
+// --gtest_filter=TiledImageDataFuzzCorpus.DISABLED_WriteSeeds).
+TEST(TiledImageDataFuzzCorpus, DISABLED_WriteSeeds) {
+    std::filesystem::create_directories(corpusDir());
+    auto write = [](const std::string& name, const std::vector<uint8_t>& bytes) {
+        std::ofstream out(corpusDir() / name, std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+    };
+    auto painted = [](auto store) {
+        store.setPixel({1, 0, 0}, 0, 0);
+        store.setPixel({0, 1, 0}, store.width() - 1, store.height() - 1);
+        return encoded(store);
+    };
+    write("kel_fresh_300x200", encoded(KelTiledImageData({300, 200}, kFill, ColorProfileType::sRGB())));
+    write("barc_fresh_300x200", encoded(BarcTiledImageData({300, 200}, kFill, ColorProfileType::proPhotoRGB())));
+    write("kel_two_tiles_130x5", painted(KelTiledImageData({130, 5}, kFill, ColorProfileType::sRGB())));
+    write("barc_two_tiles_260x3", painted(BarcTiledImageData({260, 3}, kFill, nullptr)));
+    std::vector<uint8_t> cut = painted(KelTiledImageData({130, 5}, kFill, ColorProfileType::sRGB()));
+    cut.resize(cut.size() - 7);
+    write("kel_truncated", cut);
 }
 
 }  // namespace
