@@ -19,10 +19,9 @@
 #include <iostream>
 #include <type_traits>
 
-#include <zorl/core/color.h>
-
 #include "core/error_log.h"
 #include "core/parallel.h"
+#include "imageprocessing/blending_lab.h"
 
 namespace zorl {
 namespace {
@@ -85,35 +84,43 @@ inline void channelPixel(const PixelRGB<float>& a, const PixelRGB<float>& b, Pix
 inline float clampUnit(float v) { return std::min(1.0f, std::max(0.0f, v)); }
 inline PixelRGB<float> clampUnit(const PixelRGB<float>& p) { return {clampUnit(p.r), clampUnit(p.g), clampUnit(p.b)}; }
 
-struct Lab {
-    float L, a, b;
-};
-
-inline Lab toLab(const PixelRGB<float>& p) {
-    Lab lab;
-    Rgb2Lab(&lab.L, &lab.a, &lab.b, p.r, p.g, p.b);
-    return lab;
-}
-
-// Mixes the base towards the Lab colour (L, a, b) by alpha; the base is not clamped.
-inline void mixLab(const PixelRGB<float>& base, float L, float a, float b, PixelRGB<float>& out, float alpha) {
-    PixelRGB<float> m;
-    Lab2Rgb(&m.r, &m.g, &m.b, L, a, b);
-    const PixelRGB<float> bb = base;
-    out = {mixChannel(bb.r, m.r, alpha), mixChannel(bb.g, m.g, alpha), mixChannel(bb.b, m.b, alpha)};
+// Luminosity (Lab lightness of the layer, chroma of the base) or, with ColorMode, Color
+// (lightness of the base, chroma of the layer) of `count` (1..4) pixels, four lanes at a
+// time; lanes past count repeat the last pixel and are not written. Inputs are clamped
+// to 0..1 (max with 0 first, so NaN becomes 0) before the conversions; the mix uses the
+// unclamped base. All inputs are read before any output is written (out may alias).
+template <bool ColorMode>
+inline void labPixels(const PixelRGB<float>* layer, const PixelRGB<float>* base, PixelRGB<float>* out,
+                      const float* alpha, int count) {
+    alignas(16) float lr[4], lg[4], lb[4], br[4], bg[4], bb[4], al[4];
+    for (int l = 0; l < 4; ++l) {
+        const int k = std::min(l, count - 1);
+        lr[l] = layer[k].r, lg[l] = layer[k].g, lb[l] = layer[k].b;
+        br[l] = base[k].r, bg[l] = base[k].g, bb[l] = base[k].b;
+        al[l] = alpha[k];
+    }
+    const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
+    const auto clamped = [&](const float* v) { return _mm_min_ps(_mm_max_ps(_mm_load_ps(v), zero), one); };
+    const blendlab::Lab4 l = blendlab::rgbToLab<!ColorMode>({clamped(lr), clamped(lg), clamped(lb)});
+    const blendlab::Lab4 b = blendlab::rgbToLab<ColorMode>({clamped(br), clamped(bg), clamped(bb)});
+    const blendlab::Rgb4 m = blendlab::labToRgb(ColorMode ? blendlab::Lab4{b.L, l.a, l.b} : blendlab::Lab4{l.L, b.a, b.b});
+    const __m128 a = _mm_load_ps(al), keep = _mm_sub_ps(one, a);
+    const auto mix = [&](const float* base4, __m128 value, float* dst) {
+        _mm_store_ps(dst, _mm_add_ps(_mm_mul_ps(keep, _mm_load_ps(base4)), _mm_mul_ps(a, value)));
+    };
+    mix(br, m.r, lr);  // the layer copies are no longer needed: reuse them for the result
+    mix(bg, m.g, lg);
+    mix(bb, m.b, lb);
+    for (int k = 0; k < count; ++k) out[k] = {lr[k], lg[k], lb[k]};
 }
 
 inline void luminosityPixel(const PixelRGB<float>& layer, const PixelRGB<float>& base, PixelRGB<float>& out,
                             float alpha) {
-    const Lab l = toLab(clampUnit(layer));
-    const Lab b = toLab(clampUnit(base));
-    mixLab(base, l.L, b.a, b.b, out, alpha);
+    labPixels<false>(&layer, &base, &out, &alpha, 1);
 }
 
 inline void colorPixel(const PixelRGB<float>& layer, const PixelRGB<float>& base, PixelRGB<float>& out, float alpha) {
-    const Lab l = toLab(clampUnit(layer));
-    const Lab b = toLab(clampUnit(base));
-    mixLab(base, b.L, l.a, l.b, out, alpha);
+    labPixels<true>(&layer, &base, &out, &alpha, 1);
 }
 
 // HSV with the hue in sextants (0..6), saturation and value in 0..1.
@@ -252,6 +259,23 @@ SpanKernel spanKernel(bool masked) {
     return masked ? &pixelSpan<Rule, true> : &pixelSpan<Rule, false>;
 }
 
+// Luminosity and Color, four pixels at a time.
+template <bool ColorMode, bool Masked>
+void labSpan(const PixelRGB<float>* a, const PixelRGB<float>* b, PixelRGB<float>* out, const float* mask,
+             float opacity, std::size_t begin, std::size_t end) {
+    float alpha[4];
+    for (std::size_t i = begin; i < end; i += 4) {
+        const int count = static_cast<int>(std::min<std::size_t>(4, end - i));
+        for (int l = 0; l < count; ++l) alpha[l] = Masked ? mask[i + l] * opacity : opacity;
+        labPixels<ColorMode>(a + i, b + i, out + i, alpha, count);
+    }
+}
+
+template <bool ColorMode>
+SpanKernel labKernel(bool masked) {
+    return masked ? &labSpan<ColorMode, true> : &labSpan<ColorMode, false>;
+}
+
 SpanKernel spanKernelFor(BlendModeType mode, bool masked) {
     switch (mode) {
         case BlendModeType::Normal: return spanKernel<&channelPixel<chNormal>>(masked);
@@ -265,9 +289,9 @@ SpanKernel spanKernelFor(BlendModeType mode, bool masked) {
         case BlendModeType::Lighten: return spanKernel<&channelPixel<chLighten>>(masked);
         case BlendModeType::Difference: return spanKernel<&channelPixel<chDifference>>(masked);
         case BlendModeType::Subtract: return spanKernel<&channelPixel<chSubtract>>(masked);
-        case BlendModeType::Luminosity: return spanKernel<&luminosityPixel>(masked);
+        case BlendModeType::Luminosity: return labKernel<false>(masked);
         case BlendModeType::Hue: return spanKernel<&huePixel>(masked);
-        case BlendModeType::Color: return spanKernel<&colorPixel>(masked);
+        case BlendModeType::Color: return labKernel<true>(masked);
     }
     return nullptr;
 }
