@@ -15,3 +15,4 @@
 #include <imageprocessing/auto_exposure.h>
 #include <imageprocessing/transform_computer.h>
 #include <imageprocessing/image_data_compute_unit.h>
+#include <imageprocessing/tiled_image_data_stores.h>
