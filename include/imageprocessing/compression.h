@@ -11,7 +11,9 @@
 // A block whose first two 32-bit words are both different from -1 (and that is longer than
 // 8 bytes) is untracked; any other block is tracked.
 //
-// Header fields 3, 5 and 6 of a tracked block (stored, not interpreted by the zlib layer):
+// Header fields 3, 5 and 6 of a tracked block are stored, not interpreted, by the zlib
+// layer: each writer defines them for its own blocks (the tiled RGB stores have theirs).
+// The blocks this library reads itself use:
 //   field 3  pixel layout of the payload, a code of to_imageDataTypeCode (4: 8-bit gray
 //            planes, the payload of a mask block; 1: PixelRGB<float>);
 //   field 4  bytes per pixel: width x height x field 4 is the payload's byte count;

@@ -15,4 +15,7 @@
 #include <imageprocessing/auto_exposure.h>
 #include <imageprocessing/transform_computer.h>
 #include <imageprocessing/image_data_compute_unit.h>
+#include <imageprocessing/guided_filter.h>
+#include <imageprocessing/compression.h>
+#include <imageprocessing/tiled_mask_image.h>
 #include <imageprocessing/tiled_image_data_stores.h>

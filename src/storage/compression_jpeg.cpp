@@ -10,6 +10,7 @@
 
 #include <Magick++.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <mutex>
