@@ -7,7 +7,10 @@ function(zorl_add_library name)
   add_library(${name} SHARED ${ARG_SOURCES})
   add_library(zorl::${ARG_ALIAS} ALIAS ${name})
   set_target_properties(${name} PROPERTIES EXPORT_NAME ${ARG_ALIAS}
-                        VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+                        VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+                        # Installed, each library finds its siblings beside itself: a client's
+                        # RUNPATH does not apply to the dependencies of the libraries it loads.
+                        INSTALL_RPATH "$ORIGIN")
   generate_export_header(${name} BASE_NAME ${name}
                          EXPORT_MACRO_NAME ${ARG_EXPORT_MACRO}
                          EXPORT_FILE_NAME ${CMAKE_CURRENT_BINARY_DIR}/generated/${ARG_EXPORT_HEADER})

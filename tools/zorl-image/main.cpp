@@ -6,7 +6,6 @@
 
 #include <Magick++.h>
 
-#include <algorithm>
 #include <iostream>
 
 #include "registry.h"
@@ -15,10 +14,7 @@ namespace {
 
 void printHelp(std::ostream& out) {
     out << "usage: zorl-image COMMAND [ARGS...]\n\ncommands:\n";
-    std::size_t width = 0;
-    for (const auto& c : zorl::cli::commands()) width = std::max(width, c.usage.size());
-    for (const auto& c : zorl::cli::commands())
-        out << "  " << c.usage << std::string(width - c.usage.size() + 2, ' ') << c.summary << '\n';
+    for (const auto& c : zorl::cli::commands()) out << "  " << c.usage << "\n      " << c.summary << '\n';
 }
 
 }  // namespace
