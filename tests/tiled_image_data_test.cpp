@@ -612,6 +612,15 @@ TYPED_TEST(TiledStoreTest, DamagedStreamsAreRefusedWithOneLogLine) {
         cases.push_back({patched(afterSide, uint8_t(2)), "Tile flag out of range"});
         cases.push_back({patched(afterSide + 1, uint64_t(1) << 40), "Tile block length out of range"});
     }
+    {
+        test::LogCapture log;
+        EXPECT_EQ(TypeParam::decode(nullptr), nullptr);
+        s.encode(nullptr);
+        const std::string cls = sig.substr(sig.find("zorl::"), sig.find(">") - sig.find("zorl::"));
+        EXPECT_EQ(log.lines(), (std::vector<std::string>{sig + ": Decoder is null",
+                                                         "void __cdecl " + cls + "::encode(const class std::shared_ptr<class "
+                                                         "zorl::Encoder> &) const: Encoder is null"}));
+    }
     for (const Case& c : cases) {
         test::LogCapture log;
         EXPECT_EQ(decoded<TypeParam>(c.bytes), nullptr) << c.message;

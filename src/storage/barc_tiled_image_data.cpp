@@ -103,7 +103,9 @@ void BarcTiledImageData::blendWithImageData(const std::shared_ptr<const ImageDat
 }
 
 void BarcTiledImageData::encode(const std::shared_ptr<Encoder>& encoder) const {
-    if (!encoder) return;
+    if (!checkNotNull(encoder, BarcOps::signature("void", "encode", "const class std::shared_ptr<class zorl::Encoder> &") + " const",
+                      "Encoder is null"))
+        return;
     BarcOps::encodeHeader(*this, *encoder);
     profile_->encode(encoder);
     encoder->encodeInt(kTileSide);

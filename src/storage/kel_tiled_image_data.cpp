@@ -157,7 +157,9 @@ void KelTiledImageData::blendWithImageData(const std::shared_ptr<const ImageData
 void KelTiledImageData::markAllModified() { std::fill(modified_.begin(), modified_.end(), uint8_t(1)); }
 
 void KelTiledImageData::encode(const std::shared_ptr<Encoder>& encoder) const {
-    if (!encoder) return;
+    if (!checkNotNull(encoder, KelOps::signature("void", "encode", "const class std::shared_ptr<class zorl::Encoder> &") + " const",
+                      "Encoder is null"))
+        return;
     KelOps::encodeHeader(*this, *encoder);
     profile_->encode(encoder);
     encoder->encodeInt(kTileSide);
