@@ -400,7 +400,7 @@ TEST(GuidedFilter, InPlaceEqualsOutOfPlace) {
 }
 
 TEST(GuidedFilter, TiledEqualsUntiledUpToTheThreshold) {
-    for (Size s : {Size{157, 83}, Size{2048, 2048}})
+    for (Size s : {Size{157, 83}, Size{1, 17}})
         for (bool selfGuided : {true, false}) {
             const std::vector<float> src = image(s, 3, 19), other = image(s, 3, 20);
             const std::vector<float>& guide = selfGuided ? src : other;

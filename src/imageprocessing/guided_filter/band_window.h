@@ -19,6 +19,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 
 #include "imageprocessing/guided_filter/guided_common.h"
 
@@ -77,6 +78,108 @@ inline void windowMeansRow(const float* __restrict line, std::size_t n, int r, s
     }
 }
 
+// Sum of line[x0 .. x0 + span), entries below first being copies of entry first and
+// entries from last on copies of entry last - 1: each run of copies is one multiplication.
+inline float windowSumAt(const float* line, std::size_t x0, std::size_t span, std::size_t first, std::size_t last) {
+    const std::size_t end = x0 + span;
+    float s = 0.0f;
+    if (x0 < first) s += line[first] * static_cast<float>(std::min(first, end) - x0);
+    for (std::size_t k = std::max(x0, first); k < std::min(last, end); ++k) s += line[k];
+    if (end > last) s += line[last - 1] * static_cast<float>(end - std::max(x0, last));
+    return s;
+}
+
+// Four windows x + 1 .. x + 4 from the broadcast sum s of window x: the differences
+// d(x) = line[x + span] - line[x] are loaded at once and turned into running totals inside
+// the register (two shifts, two additions), leaving one addition and one shuffle on the
+// dependency chain per four pixels. Returns the broadcast sum of window x + 4. Stream
+// writes with a non-temporal store (out + x + 1 must then be 16-byte aligned).
+template <bool Stream>
+inline __m128 windowStep4(const float* __restrict line, std::size_t x, std::size_t span, __m128 s, __m128 scale,
+                          float* __restrict out) {
+    __m128 d = _mm_sub_ps(_mm_loadu_ps(line + x + span), _mm_loadu_ps(line + x));
+    d = _mm_add_ps(d, _mm_castsi128_ps(_mm_slli_si128(_mm_castps_si128(d), 4)));
+    d = _mm_add_ps(d, _mm_castsi128_ps(_mm_slli_si128(_mm_castps_si128(d), 8)));
+    const __m128 sums = _mm_add_ps(s, d);
+    if constexpr (Stream)
+        _mm_stream_ps(out + x + 1, _mm_mul_ps(sums, scale));
+    else
+        _mm_storeu_ps(out + x + 1, _mm_mul_ps(sums, scale));
+    return _mm_shuffle_ps(sums, sums, _MM_SHUFFLE(3, 3, 3, 3));
+}
+
+// One chain of windows begin + 1 .. end - 1 from the sum t of window begin; first runs
+// single windows until the four-window steps can stream (when Stream).
+template <bool Stream>
+inline void windowChain(const float* __restrict line, std::size_t x, std::size_t end, std::size_t span, float t,
+                        float scale, float* __restrict out) {
+    if constexpr (Stream) {
+        for (; x + 1 < end && (reinterpret_cast<std::uintptr_t>(out + x + 1) & 15) != 0; ++x) {
+            t += line[x + span] - line[x];
+            out[x + 1] = t * scale;
+        }
+    }
+    const __m128 vscale = _mm_set1_ps(scale);
+    __m128 s = _mm_set1_ps(t);
+    for (; x + 4 < end; x += 4) s = windowStep4<Stream>(line, x, span, s, vscale, out);
+    t = _mm_cvtss_f32(s);
+    for (; x + 1 < end; ++x) {
+        t += line[x + span] - line[x];
+        out[x + 1] = t * scale;
+    }
+}
+
+// The gray form of windowMeansRow. A single-float running sum is one long chain of
+// dependent additions; here it advances four windows per step (windowStep4), and a row
+// of at least kSplitWidth pixels is cut into two halves whose chains run interleaved,
+// each half starting from a window summed directly. The cut depends only on the band
+// width, never on the threads. Stream writes out with non-temporal stores.
+template <bool Stream = false>
+inline void windowMeansRowGray(const float* __restrict line, std::size_t n, int r, std::size_t first, std::size_t last,
+                               float scale, float* __restrict out) {
+    const std::size_t span = 2 * static_cast<std::size_t>(r) + 1;
+    if (span == 1) {
+        for (std::size_t x = 0; x < n; ++x) out[x] = line[x] * scale;
+        return;
+    }
+    constexpr std::size_t kSplitWidth = 64;  // below, the second chain's direct sum is not worth it
+    const std::size_t mid = n >= kSplitWidth ? n / 2 : n;
+    const float ta = windowSumAt(line, 0, span, first, last);
+    out[0] = ta * scale;
+    if (mid == n) {
+        windowChain<Stream>(line, 0, n, span, ta, scale, out);
+        return;
+    }
+    const float tb = windowSumAt(line, mid, span, first, last);
+    out[mid] = tb * scale;
+    // Both chains in one loop: the first stops where the second began.
+    auto align = [&](std::size_t& x, std::size_t end, float& t) {
+        if constexpr (Stream)
+            for (; x + 1 < end && (reinterpret_cast<std::uintptr_t>(out + x + 1) & 15) != 0; ++x) {
+                t += line[x + span] - line[x];
+                out[x + 1] = t * scale;
+            }
+    };
+    std::size_t xa = 0, xb = mid;
+    float fa = ta, fb = tb;
+    align(xa, mid, fa);
+    align(xb, n, fb);
+    const __m128 vscale = _mm_set1_ps(scale);
+    __m128 sa = _mm_set1_ps(fa), sb = _mm_set1_ps(fb);
+    for (; xa + 4 < mid && xb + 4 < n; xa += 4, xb += 4) {
+        sa = windowStep4<Stream>(line, xa, span, sa, vscale, out);
+        sb = windowStep4<Stream>(line, xb, span, sb, vscale, out);
+    }
+    windowChain<Stream>(line, xb, n, span, _mm_cvtss_f32(sb), scale, out);
+    windowChain<Stream>(line, xa, mid, span, _mm_cvtss_f32(sa), scale, out);
+}
+
+template <>
+inline void windowMeansRow<pixel_gray_t>(const float* __restrict line, std::size_t n, int r, std::size_t first,
+                                         std::size_t last, float scale, float* __restrict out) {
+    windowMeansRowGray<false>(line, n, r, first, last, scale, out);
+}
+
 template <class P, bool Squares>
 class BandWindow {
 public:
@@ -108,6 +211,7 @@ public:
             const std::size_t leave = y - 1 >= rr ? y - 1 - rr : 0;
             if (enter == leave) return;  // the same edge row enters and leaves: nothing changes
             columnStep<Squares>(sum_ + kLo_ * C, sqAt(kLo_), row(enter), row(leave), (hi_ - lo_) * C);
+            if (enter + 1 < height_) prefetchRow(row(enter + 1), (hi_ - lo_) * C);
         }
         replicateEdges(sum_);
         if constexpr (Squares) replicateEdges(sq_);
@@ -117,6 +221,10 @@ public:
     void means(float scale, float* outSum) const {
         windowMeansRow<P>(sum_, band_.width(), r_, kLo_, kLo_ + (hi_ - lo_), scale, outSum);
     }
+    // Gray only: the means written straight to their destination with streaming stores.
+    void meansStreamed(float scale, float* outSum) const {
+        windowMeansRowGray<true>(sum_, band_.width(), r_, kLo_, kLo_ + (hi_ - lo_), scale, outSum);
+    }
     void means(float scale, float* outSum, float* outSq) const {
         windowMeansRow<P>(sum_, band_.width(), r_, kLo_, kLo_ + (hi_ - lo_), scale, outSum);
         windowMeansRow<P>(sq_, band_.width(), r_, kLo_, kLo_ + (hi_ - lo_), scale, outSq);
@@ -125,6 +233,13 @@ public:
 private:
     const float* row(std::size_t y) const { return src_ + (y * width_ + lo_) * C; }
     float* sqAt(std::size_t k) const { return Squares ? sq_ + k * C : nullptr; }
+
+    // The next entering row is a short run of a far-away row: fetched a row ahead, it
+    // arrives while this row's sums are being formed.
+    static void prefetchRow(const float* p, std::size_t n) {
+        constexpr std::size_t kLineFloats = 16;  // one 64-byte cache line
+        for (std::size_t i = 0; i < n; i += kLineFloats) _mm_prefetch(reinterpret_cast<const char*>(p + i), _MM_HINT_T0);
+    }
 
     // Rows of the first window, j in [-r, r] clamped: row 0 counts r + 1 times (2r + 1
     // when the image is one row high), rows 1 .. min(r, h - 1) once, except that the last

@@ -26,18 +26,32 @@ void boxMeanOf(const float* src, float* dst, std::size_t width, std::size_t heig
     }
     const Bands bands = splitBands(width);
     std::array<std::size_t, kMaxBands + 1> offset{};
-    for (int i = 0; i < bands.count; ++i) offset[i + 1] = offset[i] + lineFloats(bands.band[i], r, C);
+    const bool stream = streamPlane(width, height, C);
+    // Streamed output goes through a row buffer of band width floats after the line buffer.
+    for (int i = 0; i < bands.count; ++i)
+        offset[i + 1] = offset[i] + lineFloats(bands.band[i], r, C) + (stream ? bands.band[i].width() * C : 0);
     zorl::ManagedBuffer<float> lines(offset[bands.count]);
     const float scale = windowScale(r);
     zorl::parallelFor(0, bands.count, [&](int first, int last) {
         for (int i = first; i < last; ++i) {
             const Band band = bands.band[i];
-            BandWindow<P, false> window(src, width, height, r, band, lines.data() + offset[i], nullptr);
+            float* line = lines.data() + offset[i];
+            float* row = line + lineFloats(band, r, C);
+            BandWindow<P, false> window(src, width, height, r, band, line, nullptr);
             for (std::size_t y = 0; y < height; ++y) {
                 window.moveTo(y);
-                window.means(scale, dst + y * rowFloats + band.x0 * C);
+                float* out = dst + y * rowFloats + band.x0 * C;
+                if (stream && C == 1) {
+                    window.meansStreamed(scale, out);
+                } else if (stream) {
+                    window.means(scale, row);
+                    copyRow(out, row, band.width() * C, true);
+                } else {
+                    window.means(scale, out);
+                }
             }
         }
+        _mm_sfence();
     });
 }
 

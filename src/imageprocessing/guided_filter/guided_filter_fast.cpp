@@ -16,6 +16,8 @@
 #include <imageprocessing/guided_filter.h>
 
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include <tbb/enumerable_thread_specific.h>
@@ -32,20 +34,35 @@ namespace {
 
 constexpr int kReduction = 4;  // the grid is 1/4 of the size in each direction, 1/16 of the pixels
 
-// Area reduction of a w x h plane of kind P to w4 x h4 (block means, see above).
+using Row = std::vector<float, zorl::ManagedAllocator<float>>;
+
+// Area reduction of a w x h plane of kind P to w4 x h4 (block means, see above): the rows
+// of a block are added into a row of column sums (flat, four lanes at a time), then each
+// block's columns are added and scaled.
 template <class P>
 void reduceToGrid(const float* src, std::size_t width, std::size_t height, float* small, std::size_t w4,
                   std::size_t h4) {
+    constexpr int C = kChannels<P>;
+    const std::size_t rowFloats = width * C;
     zorl::ManagedBuffer<std::size_t> columnStart(w4 + 1);
     for (std::size_t i = 0; i <= w4; ++i) columnStart[i] = i * width / w4;
+    tbb::enumerable_thread_specific<Row> sums([&] { return Row(rowFloats); });
     zorl::parallelFor(std::size_t(0), h4, [&](std::size_t first, std::size_t last) {
+        float* acc = sums.local().data();
         for (std::size_t j = first; j < last; ++j) {
             const std::size_t y0 = j * height / h4, y1 = (j + 1) * height / h4;
+            std::memcpy(acc, src + y0 * rowFloats, rowFloats * sizeof(float));
+            for (std::size_t y = y0 + 1; y < y1; ++y) {
+                const float* row = src + y * rowFloats;
+                flatLoop(0, rowFloats, [&](std::size_t k, auto lanes) {
+                    using V = decltype(lanes);
+                    store(acc + k, load<V>(acc + k) + load<V>(row + k));
+                });
+            }
             for (std::size_t i = 0; i < w4; ++i) {
                 const std::size_t x0 = columnStart[i], x1 = columnStart[i + 1];
-                P sum;
-                for (std::size_t y = y0; y < y1; ++y)
-                    for (std::size_t x = x0; x < x1; ++x) sum += P::load(src, y * width + x);
+                P sum = P::load(acc, x0);
+                for (std::size_t x = x0 + 1; x < x1; ++x) sum += P::load(acc, x);
                 P::store(small, j * w4 + i, sum * (1.0f / static_cast<float>((y1 - y0) * (x1 - x0))));
             }
         }
@@ -71,46 +88,75 @@ float stepOf(std::size_t smallSize, std::size_t size) {
     return static_cast<float>(static_cast<double>(smallSize - 1) / static_cast<double>(size - 1));
 }
 
-// dst = mA' * I + mB' (see the top of the file). dst may equal I.
+// One small row of mA and mB interpolated across the full width, kept per thread: the
+// rows of a task move down the image, so each small row serves about four output rows.
+struct WideRows {
+    Row data;
+    std::size_t index[2] = {SIZE_MAX, SIZE_MAX};  // small row held by each slot
+    int next = 0;                                 // slot to refill next
+};
+
+// dst = mA' * I + mB' (see the top of the file): the small rows are interpolated across
+// (per channel, with the column taps), then each output row is the vertical blend of two
+// such rows, applied to I four lanes at a time. dst may equal I.
 template <class P>
 void upsampleApply(const float* mA, const float* mB, std::size_t w4, std::size_t h4, const float* I, float* dst,
                    std::size_t width, std::size_t height) {
     constexpr int C = kChannels<P>;
+    const std::size_t rowFloats = width * C;
     const float sx = stepOf(w4, width), sy = stepOf(h4, height);
     const bool flatX = w4 == 1 || zorl::isFloatEqual(sx, 0.0f);
     const bool flatY = h4 == 1 || zorl::isFloatEqual(sy, 0.0f);
     zorl::ManagedBuffer<Tap> columns(width);
     for (std::size_t x = 0; x < width; ++x) columns[x] = tapAt(x, sx, flatX, w4);
 
-    // Per thread: the two small rows of mA and mB interpolated to the row's y.
-    using Row = std::vector<float, zorl::ManagedAllocator<float>>;
-    tbb::enumerable_thread_specific<Row> rows([&] { return Row(2 * w4 * C); });
+    // Per thread: two slots of (mA row, mB row) across the width. Large outputs are
+    // written with streaming stores.
+    const bool stream = streamPlane(width, height, C);
+    tbb::enumerable_thread_specific<WideRows> perThread([&] {
+        WideRows w;
+        w.data.resize(4 * rowFloats);
+        return w;
+    });
+    auto wideRow = [&](WideRows& w, std::size_t j) -> int {
+        for (int k = 0; k < 2; ++k)
+            if (w.index[k] == j) return k;
+        const int k = w.next;
+        w.next ^= 1;
+        w.index[k] = j;
+        float* a = w.data.data() + 2 * k * rowFloats;
+        float* b = a + rowFloats;
+        const float* a0 = mA + j * w4 * C;
+        const float* b0 = mB + j * w4 * C;
+        for (std::size_t x = 0; x < width; ++x) {
+            const Tap& c = columns[x];
+            const float wx = c.weight, wx0 = 1.0f - c.weight;
+            P::store(a, x, P::load(a0, c.i0) * wx0 + P::load(a0, c.i1) * wx);
+            P::store(b, x, P::load(b0, c.i0) * wx0 + P::load(b0, c.i1) * wx);
+        }
+        return k;
+    };
     zorl::parallelFor(std::size_t(0), height, [&](std::size_t first, std::size_t last) {
-        Row& row = rows.local();
-        float* rowA = row.data();
-        float* rowB = rowA + w4 * C;
+        WideRows& w = perThread.local();
         for (std::size_t y = first; y < last; ++y) {
             const Tap t = tapAt(y, sy, flatY, h4);
-            const float* a0 = mA + t.i0 * w4 * C;
-            const float* a1 = mA + t.i1 * w4 * C;
-            const float* b0 = mB + t.i0 * w4 * C;
-            const float* b1 = mB + t.i1 * w4 * C;
+            const int k0 = wideRow(w, t.i0);
+            const int k1 = wideRow(w, t.i1);
+            const float* a0 = w.data.data() + 2 * k0 * rowFloats;
+            const float* b0 = a0 + rowFloats;
+            const float* a1 = w.data.data() + 2 * k1 * rowFloats;
+            const float* b1 = a1 + rowFloats;
+            const float* Irow = I + y * rowFloats;
+            float* out = dst + y * rowFloats;
             const float wy = t.weight, wy0 = 1.0f - t.weight;
-            flatLoop(0, w4 * C, [&](std::size_t k, auto lanes) {
+            flatLoopAligned(out, 0, rowFloats, [&](std::size_t i, auto lanes) {
                 using V = decltype(lanes);
-                store(rowA + k, load<V>(a0 + k) * wy0 + load<V>(a1 + k) * wy);
-                store(rowB + k, load<V>(b0 + k) * wy0 + load<V>(b1 + k) * wy);
+                const V a = load<V>(a0 + i) * wy0 + load<V>(a1 + i) * wy;
+                const V b = load<V>(b0 + i) * wy0 + load<V>(b1 + i) * wy;
+                put(out + i, a * load<V>(Irow + i) + b, stream);
             });
-            const float* Irow = I + y * width * C;
-            float* out = dst + y * width * C;
-            for (std::size_t x = 0; x < width; ++x) {
-                const Tap& c = columns[x];
-                const float wx = c.weight, wx0 = 1.0f - c.weight;
-                const P a = P::load(rowA, c.i0) * wx0 + P::load(rowA, c.i1) * wx;
-                const P b = P::load(rowB, c.i0) * wx0 + P::load(rowB, c.i1) * wx;
-                P::store(out, x, a * P::load(Irow, x) + b);
-            }
         }
+        _mm_sfence();
     });
 }
 

@@ -7,7 +7,8 @@
 //   2. A = mean(a) into plane A (the built-in box mean);
 //   3. dst = A * src + mean(B), the mean of B summed on the fly in the same band order.
 // Two scratch planes out of place, three in place; an in-place call does the same
-// arithmetic on the same values, so its result is identical.
+// arithmetic on the same values, so its result is identical. Each band forms its output
+// rows in row buffers and copies them out (streaming for large planes).
 
 #include <algorithm>
 #include <array>
@@ -22,18 +23,18 @@
 namespace grfx::guided {
 namespace {
 
-// a = var / (var + reg) and b = m - a * m for one row of n floats (pixels x0 .. of row y).
+// In place over one row of a band: ms (window means of I) becomes a = var / (var + reg),
+// mq (window means of I^2) becomes b = m - a * m. pixels from image pixel firstPixel.
 template <class P>
-void coefficientsRow(const float* ms, const float* mq, float* a, float* b, std::size_t pixels, const Regulariser& reg,
-                     std::size_t firstPixel) {
+void coefficientsRow(float* ms, float* mq, std::size_t pixels, const Regulariser& reg, std::size_t firstPixel) {
     if (!reg.weight) {
         flatLoop(0, pixels * kChannels<P>, [&](std::size_t i, auto lanes) {
             using V = decltype(lanes);
             const V m = load<V>(ms + i);
             const V var = load<V>(mq + i) - m * m;
             const V ai = var / (var + V(reg.constant));
-            store(a + i, ai);
-            store(b + i, m - ai * m);
+            store(ms + i, ai);
+            store(mq + i, m - ai * m);
         });
         return;
     }
@@ -42,8 +43,8 @@ void coefficientsRow(const float* ms, const float* mq, float* a, float* b, std::
         const P m = P::load(ms, x);
         const P var = P::load(mq, x) - m * m;
         const P ai = var / (var + P(reg.epsilon / w[x]));
-        P::store(a, x, ai);
-        P::store(b, x, m - ai * m);
+        P::store(ms, x, ai);
+        P::store(mq, x, m - ai * m);
     }
 }
 
@@ -69,6 +70,7 @@ void selfGuidedCoefficients(const float* I, float* a, float* b, std::size_t widt
     const Bands bands = splitBands(width);
     BandScratch scratch(bands, r, C);
     const float scale = windowScale(r);
+    const bool stream = streamPlane(width, height, C);
     zorl::parallelFor(0, bands.count, [&](int first, int last) {
         for (int i = first; i < last; ++i) {
             const Band band = bands.band[i];
@@ -81,10 +83,13 @@ void selfGuidedCoefficients(const float* I, float* a, float* b, std::size_t widt
             for (std::size_t y = 0; y < height; ++y) {
                 window.moveTo(y);
                 window.means(scale, ms, mq);
+                coefficientsRow<P>(ms, mq, band.width(), reg, y * width + band.x0);
                 const std::size_t at = (y * width + band.x0) * C;
-                coefficientsRow<P>(ms, mq, a + at, b + at, band.width(), reg, y * width + band.x0);
+                copyRow(a + at, ms, band.width() * C, stream);
+                copyRow(b + at, mq, band.width() * C, stream);
             }
         }
+        _mm_sfence();
     });
 }
 
@@ -106,6 +111,7 @@ void selfGuided(const float* src, float* dst, std::size_t width, std::size_t hei
     const Bands bands = splitBands(width);
     BandScratch scratch(bands, r, C);
     const float scale = windowScale(r);
+    const bool stream = streamPlane(width, height, C);
     const float* A = planeA.get();
     zorl::parallelFor(0, bands.count, [&](int first, int last) {
         for (int i = first; i < last; ++i) {
@@ -119,13 +125,14 @@ void selfGuided(const float* src, float* dst, std::size_t width, std::size_t hei
                 const std::size_t at = (y * width + band.x0) * C;
                 const float* Ai = A + at;
                 const float* Ii = src + at;
-                float* out = dst + at;
                 flatLoop(0, band.width() * C, [&](std::size_t k, auto lanes) {
                     using V = decltype(lanes);
-                    store(out + k, load<V>(Ai + k) * load<V>(Ii + k) + load<V>(mb + k));
+                    store(mb + k, load<V>(Ai + k) * load<V>(Ii + k) + load<V>(mb + k));
                 });
+                copyRow(dst + at, mb, band.width() * C, stream);
             }
         }
+        _mm_sfence();
     });
 }
 
