@@ -314,6 +314,47 @@ TEST(MaskBlock, ArbitraryValuesWithinTwoPlanePrecision) {
     EXPECT_TRUE(balance.balanced());
 }
 
+// The two-plane payload of a small mask, byte for byte: b1, then b2 minus the row
+// prediction of q = 255 b1 + b2 (mod 256). Worked out by hand from the format's rules;
+// a change here breaks every stored mask.
+TEST(MaskBlock, TwoPlanePayloadIsPinned) {
+    const std::vector<float> v = {0.1f, 0.2f, 0.3f, 0.4f, 0.5f, 0.0f, 1.0f, 0.75f, 0.6f, 0.01f};
+    Bytes block;
+    Proxy::compressMask(*maskOf(5, 2, v), block);
+    ASSERT_EQ(u32At(block, 32), 2u);
+    Bytes payload;
+    Zlib::uncompressEx(block, payload, 20, 1, 0);
+    const Bytes expected = {25, 103, 51, 102, 76, 1, 102, 255, 127, 1, 0, 153, 255, 1, 191, 128, 153, 102, 2, 61};
+    EXPECT_EQ(payload, expected);
+    auto back = uncompressMask_1_0(block);
+    ASSERT_TRUE(back);
+    for (int i = 0; i < 10; ++i) EXPECT_NEAR(back->data()[i], v[i], kTwoPlaneTolerance) << i;
+
+    // A damaged payload (b1 = 255 with a remainder) still reads within 0..1.
+    Bytes damaged;
+    Zlib::compressEx(Bytes{255, 200}, damaged, 1, 1, kMaskDataTypeCode, 2, kMaskColorProfileCode, 1, 6, 1, 0);
+    auto clamped = uncompressMask_1_0(damaged);
+    ASSERT_TRUE(clamped);
+    EXPECT_EQ(clamped->data()[0], 1.0f);
+}
+
+// On a soft ramp the stored second plane is near zero, which is what makes it compress.
+TEST(MaskBlock, SecondPlaneOfARampIsSmall) {
+    const int w = 200, h = 3;
+    std::vector<float> v(w * h);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) v[y * w + x] = 0.1f + 0.0037f * x;
+    Bytes block, payload;
+    Proxy::compressMask(*maskOf(w, h, v), block);
+    Zlib::uncompressEx(block, payload, 2 * w * h, 1, 0);
+    int small = 0;
+    for (int i = 0; i < w * h; ++i) {
+        const uint8_t s = payload[2 * i + 1];
+        small += s <= 2 || s >= 254;
+    }
+    EXPECT_GT(small, w * h * 9 / 10);
+}
+
 TEST(MaskBlock, EmptyMaskWritesNothing) {
     Bytes dst{5};
     Proxy::compressMask(MaskImage(_Size<int>(0, 3), 0.5f), dst);

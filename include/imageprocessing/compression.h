@@ -172,8 +172,9 @@ public:
     static void uncompress(const bytes& src, std::shared_ptr<_ImageData<PixelRGB<float>>>& dst);
 
     // A tracked mask block. Values are reduced to bytes by discretizeMask; when that loses
-    // anything, a second byte plane holds the rounded remainder, so that every value in 0..1
-    // comes back within 1/130050 (NaN comes back as 0, values outside 0..1 clamped), and
+    // anything, a second byte plane holds the rounded remainder (stored as its difference
+    // from a prediction along the row, so that soft gradients compress), and every value in
+    // 0..1 comes back within 1/130050 (NaN comes back as 0, values outside 0..1 clamped);
     // 0, 1 and every multiple of 1/255 come back exactly. An empty mask writes nothing.
     static void compressMask(const MaskImage& mask, bytes& dst);
     // Reads a tracked or untracked mask block; dst is replaced only when a mask was read.

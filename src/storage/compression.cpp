@@ -1,11 +1,18 @@
 // Lossless zlib blocks, mask blocks, the stable codes and the file form of float images.
 //
 // Mask blocks keep up to two byte planes. Plane 1 is discretizeMask's byte b1 =
-// trunc(255 c), c the value clamped to 0..1 (NaN to 0). Plane 2 holds the remainder
-// r = 255 c - b1 (in 0..1) rounded to b2 = round(255 r), and is only written when some b2
-// is non-zero. A pixel comes back as (255 b1 + b2) / 65025: within half a step of 1/65025
-// (1/130050) of c, exactly 0, 1 and k/255 (r near 0 gives b2 = 0; a product truncated just
-// below k gives b1 = k - 1 and b2 = 255, again k/255).
+// trunc(255 c), c the value clamped to 0..1 (NaN to 0). The remainder 255 c - b1 (in 0..1)
+// is rounded to b2 = round(255 (255 c - b1)), and the 16-bit value q = 255 b1 + b2 (0 ..
+// 65025) comes back as q / 65025: within half a step of 1/65025 (1/130050) of c, and
+// exactly 0, 1 and k/255 (a remainder near 0 gives b2 = 0; a product truncated just below
+// k gives b1 = k - 1 and b2 = 255, again k/255). Plane 2 is only written when some b2 is
+// non-zero. It does not hold b2 itself: on a soft gradient b2 jumps by hundreds of steps
+// from pixel to pixel, which deflate cannot compress. It holds b2 minus its prediction
+// (mod 256), the prediction being the linear extrapolation of q along the row:
+//   p(0, y) = q(0, y - 1) (0 on the first row),  p(1, y) = q(0, y),
+//   p(x, y) = clamp(2 q(x - 1, y) - q(x - 2, y), 0, 65025),
+//   stored byte = (b2 - (p - 255 b1)) mod 256,  and back: b2 = (byte + p - 255 b1) mod 256.
+// On a smooth gradient the stored bytes are near 0 and deflate compresses them.
 
 #include <imageprocessing/compression.h>
 
@@ -120,7 +127,8 @@ bool payloadBytes(uint64_t width, uint64_t height, uint64_t bytesPerValue, uint6
     return true;
 }
 
-// Value of a two-plane pixel; 65025 = 255 * 255.
+// Value of a two-plane pixel: q / 65025, 65025 = 255 * 255.
+constexpr int32_t kTwoPlaneMax = 65025;
 constexpr float kTwoPlaneScale = 65025.0f;
 
 // b2 of a pixel: the remainder of discretizeMask's truncation, rounded to 1/255.
@@ -130,6 +138,25 @@ inline uint8_t remainderByte(float v, uint8_t b1) {
     if (!(r > 0.0)) return 0;
     return static_cast<uint8_t>(std::min(255.0, std::floor(r * 255.0 + 0.5)));
 }
+
+// The row-wise prediction of q described at the top of this file.
+class RowPredictor {
+public:
+    int32_t predict(int x) const {
+        if (x == 0) return above_;
+        if (x == 1) return q1_;
+        return std::clamp(2 * q1_ - q2_, 0, kTwoPlaneMax);
+    }
+    void push(int x, int32_t q) {
+        if (x == 0) above_ = q;
+        q2_ = q1_;
+        q1_ = q;
+    }
+
+private:
+    int32_t above_ = 0;  // q of the first pixel of the previous row
+    int32_t q1_ = 0, q2_ = 0;
+};
 
 // Float of each byte b: b / 255 (exactly 0 and 1 at the ends).
 struct OnePlaneTable {
@@ -297,10 +324,18 @@ void ImageCompressorProxy::compressMask(const MaskImage& mask, bytes& dst) {
         return;
     }
     Bytes payload(2 * n);
-    for (std::size_t i = 0; i < n; ++i) {
-        payload[2 * i] = plane[i];
-        payload[2 * i + 1] = i < first ? 0 : remainderByte(v[i], plane[i]);
-    }
+    const int w = mask.width();
+    RowPredictor predictor;
+    std::size_t i = 0;
+    for (int y = 0; y < mask.height(); ++y)
+        for (int x = 0; x < w; ++x, ++i) {
+            const int32_t b1 = plane[i];
+            const int32_t b2 = i < first ? 0 : remainderByte(v[i], plane[i]);
+            const int32_t predicted = predictor.predict(x) - 255 * b1;
+            payload[2 * i] = plane[i];
+            payload[2 * i + 1] = static_cast<uint8_t>(b2 - predicted);  // mod 256
+            predictor.push(x, 255 * b1 + b2);
+        }
     ImageCompressorLosslessZlib::compressEx(payload, dst, mask.width(), mask.height(), kMaskDataTypeCode, 2,
                                             kMaskColorProfileCode, kMaskChannelCount, kDefaultLevel, kVersionMajor,
                                             kVersionMinor);
@@ -346,10 +381,18 @@ std::shared_ptr<MaskImage> uncompressMask_1_0(const std::vector<uint8_t>& src) {
         const float* table = onePlaneTable().v;
         for (uint64_t i = 0; i < pixels; ++i) out[i] = table[planes[i]];
     } else {
-        for (uint64_t i = 0; i < pixels; ++i) {
-            const uint32_t q = uint32_t(planes[2 * i]) * 255u + planes[2 * i + 1];
-            out[i] = static_cast<float>(q) / kTwoPlaneScale;
-        }
+        RowPredictor predictor;
+        uint64_t i = 0;
+        for (uint32_t y = 0; y < f.height; ++y)
+            for (uint32_t x = 0; x < f.width; ++x, ++i) {
+                const int32_t b1 = planes[2 * i];
+                const int32_t predicted = predictor.predict(int(std::min<uint32_t>(x, 2))) - 255 * b1;
+                const int32_t b2 = static_cast<uint8_t>(planes[2 * i + 1] + predicted);  // mod 256
+                // A damaged block can say b1 = 255, b2 > 0: values stay within 0..1.
+                const int32_t q = std::min(255 * b1 + b2, kTwoPlaneMax);
+                predictor.push(int(std::min<uint32_t>(x, 2)), q);
+                out[i] = static_cast<float>(q) / kTwoPlaneScale;
+            }
     }
     return mask;
 }
