@@ -33,7 +33,7 @@ constexpr double kMeanTolerance = 2e-5;
 struct Size {
     std::size_t w, h;
 };
-const Size kSizes[] = {{1, 1}, {1, 17}, {17, 1}, {157, 83}};
+const Size kSizes[] = {{1, 1}, {1, 17}, {17, 1}, {3, 5}, {157, 83}};
 // Below 1 (a one-pixel window), fractional, and larger than every test image.
 const float kRadii[] = {0.9f, 1.0f, 2.5f, 7.0f, 200.0f};
 
@@ -344,6 +344,52 @@ TEST(GuidedFilter, WideImageMatchesReference) {
     EXPECT_TRUE(near(dst, refGuided(p, p, s.w, s.h, 1, 8.0f, squared(kEps)), kFilterTolerance));
 }
 
+// Planes of 32 MB and more are written with streaming stores: checked on whole rows
+// (top, bottom, middle) and whole columns (image and band edges) against a point-wise
+// reference of the same formulas.
+TEST(GuidedFilter, LargePlanesMatchReference) {
+    const Size s{3000, 2800};  // 33.6 MB of gray floats
+    const int r = 2;
+    const std::vector<float> src = image(s, 1, 33), guide = image(s, 1, 34);
+    auto at = [&](const std::vector<float>& v, long x, long y) {
+        return double(v[clampIndex(y, s.h) * s.w + clampIndex(x, s.w)]);
+    };
+    auto windowMean = [&](long x, long y, const std::function<double(long, long)>& f) {
+        double sum = 0;
+        for (long dy = -r; dy <= r; ++dy)
+            for (long dx = -r; dx <= r; ++dx) sum += f(clampIndex(x + dx, s.w), clampIndex(y + dy, s.h));
+        return sum / double((2 * r + 1) * (2 * r + 1));
+    };
+    auto reference = [&](const std::vector<float>& p, const std::vector<float>& I, long x, long y) {
+        auto coefficients = [&](long cx, long cy, bool wantA) {
+            const double mI = windowMean(cx, cy, [&](long u, long v) { return at(I, u, v); });
+            const double mP = windowMean(cx, cy, [&](long u, long v) { return at(p, u, v); });
+            const double mIp = windowMean(cx, cy, [&](long u, long v) { return at(I, u, v) * at(p, u, v); });
+            const double mII = windowMean(cx, cy, [&](long u, long v) { return at(I, u, v) * at(I, u, v); });
+            const double a = (mIp - mI * mP) / (mII - mI * mI + double(kEps) * kEps);
+            return wantA ? a : mP - a * mI;
+        };
+        const double mA = windowMean(x, y, [&](long u, long v) { return coefficients(u, v, true); });
+        const double mB = windowMean(x, y, [&](long u, long v) { return coefficients(u, v, false); });
+        return mA * at(I, x, y) + mB;
+    };
+    std::vector<std::pair<long, long>> points;
+    for (long y : {0L, 1L, long(s.h) / 2, long(s.h) - 1})
+        for (long x = 0; x < long(s.w); x += 3) points.push_back({x, y});
+    for (long x : {0L, 374L, 375L, 1499L, 1500L, long(s.w) - 1})
+        for (long y = 0; y < long(s.h); y += 7) points.push_back({x, y});
+
+    std::vector<float> self(src.size()), guided(src.size());
+    MemoryBalance balance;
+    grfx_guided_filter_gray(src.data(), self.data(), s.w, s.h, r, kEps);
+    grayGuidedLib(src.data(), guide.data(), guided.data(), s.w, s.h, r, kEps);
+    EXPECT_TRUE(balance.balanced());
+    for (auto [x, y] : points) {
+        ASSERT_NEAR(self[y * s.w + x], reference(src, src, x, y), kFilterTolerance) << x << "," << y;
+        ASSERT_NEAR(guided[y * s.w + x], reference(src, guide, x, y), kFilterTolerance) << x << "," << y;
+    }
+}
+
 // ---------------------------------------------------------------- exact invariants
 
 TEST(GuidedFilter, RadiusBelowOneReturnsTheInput) {
@@ -525,6 +571,19 @@ TEST(GuidedFilter, BadInputIsLoggedAndWritesNothing) {
         EXPECT_TRUE(balance.balanced());
         EXPECT_TRUE(std::all_of(dst.begin(), dst.end(), [](float v) { return v == -1.0f; })) << c.line;
     }
+}
+
+TEST(GuidedFilter, ZeroSizes) {
+    // Self-guided: nothing to write. With a guidance: width and height count as 1.
+    const std::vector<float> src = {0.25f, 0.5f, 0.75f, 1.0f}, guide = {0.5f, 0.5f, 0.5f, 0.5f};
+    std::vector<float> dst(4, -1.0f);
+    grfx_guided_filter_argb(src.data(), dst.data(), 0, 3, 2, kEps);
+    grfx_guided_filter_gray_fast(src.data(), dst.data(), 4, 0, 2, kEps);
+    EXPECT_EQ(dst, std::vector<float>(4, -1.0f));
+    grfx_guided_filter_argb_guided(src.data(), guide.data(), dst.data(), 0, 0, 2, kEps);
+    // One pixel in each of the four lanes: the guidance's variance is 0 up to the rounding
+    // of 1/25, so a is about 0 and dst is mP, the source.
+    for (int c = 0; c < 4; ++c) EXPECT_NEAR(dst[c], src[c], 1e-6) << c;
 }
 
 TEST(GuidedFilter, OverloadsForwardToGrayAndRgb) {
