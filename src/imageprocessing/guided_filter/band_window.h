@@ -19,7 +19,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdint>
 
 #include "imageprocessing/guided_filter/guided_common.h"
 
@@ -92,37 +91,24 @@ inline float windowSumAt(const float* line, std::size_t x0, std::size_t span, st
 // Four windows x + 1 .. x + 4 from the broadcast sum s of window x: the differences
 // d(x) = line[x + span] - line[x] are loaded at once and turned into running totals inside
 // the register (two shifts, two additions), leaving one addition and one shuffle on the
-// dependency chain per four pixels. Returns the broadcast sum of window x + 4. Stream
-// writes with a non-temporal store (out + x + 1 must then be 16-byte aligned).
-template <bool Stream>
+// dependency chain per four pixels. Returns the broadcast sum of window x + 4.
 inline __m128 windowStep4(const float* __restrict line, std::size_t x, std::size_t span, __m128 s, __m128 scale,
                           float* __restrict out) {
     __m128 d = _mm_sub_ps(_mm_loadu_ps(line + x + span), _mm_loadu_ps(line + x));
     d = _mm_add_ps(d, _mm_castsi128_ps(_mm_slli_si128(_mm_castps_si128(d), 4)));
     d = _mm_add_ps(d, _mm_castsi128_ps(_mm_slli_si128(_mm_castps_si128(d), 8)));
     const __m128 sums = _mm_add_ps(s, d);
-    if constexpr (Stream)
-        _mm_stream_ps(out + x + 1, _mm_mul_ps(sums, scale));
-    else
-        _mm_storeu_ps(out + x + 1, _mm_mul_ps(sums, scale));
+    _mm_storeu_ps(out + x + 1, _mm_mul_ps(sums, scale));
     return _mm_shuffle_ps(sums, sums, _MM_SHUFFLE(3, 3, 3, 3));
 }
 
-// One chain of windows begin + 1 .. end - 1 from the sum t of window begin; first runs
-// single windows until the four-window steps can stream (when Stream).
-template <bool Stream>
-inline void windowChain(const float* __restrict line, std::size_t x, std::size_t end, std::size_t span, float t,
+// Windows x + 1 .. end - 1 from the broadcast sum s of window x, four at a time, then one
+// at a time.
+inline void windowChain(const float* __restrict line, std::size_t x, std::size_t end, std::size_t span, __m128 s,
                         float scale, float* __restrict out) {
-    if constexpr (Stream) {
-        for (; x + 1 < end && (reinterpret_cast<std::uintptr_t>(out + x + 1) & 15) != 0; ++x) {
-            t += line[x + span] - line[x];
-            out[x + 1] = t * scale;
-        }
-    }
     const __m128 vscale = _mm_set1_ps(scale);
-    __m128 s = _mm_set1_ps(t);
-    for (; x + 4 < end; x += 4) s = windowStep4<Stream>(line, x, span, s, vscale, out);
-    t = _mm_cvtss_f32(s);
+    for (; x + 4 < end; x += 4) s = windowStep4(line, x, span, s, vscale, out);
+    float t = _mm_cvtss_f32(s);
     for (; x + 1 < end; ++x) {
         t += line[x + span] - line[x];
         out[x + 1] = t * scale;
@@ -133,10 +119,10 @@ inline void windowChain(const float* __restrict line, std::size_t x, std::size_t
 // dependent additions; here it advances four windows per step (windowStep4), and a row
 // of at least kSplitWidth pixels is cut into two halves whose chains run interleaved,
 // each half starting from a window summed directly. The cut depends only on the band
-// width, never on the threads. Stream writes out with non-temporal stores.
-template <bool Stream = false>
-inline void windowMeansRowGray(const float* __restrict line, std::size_t n, int r, std::size_t first, std::size_t last,
-                               float scale, float* __restrict out) {
+// width, never on the threads.
+template <>
+inline void windowMeansRow<pixel_gray_t>(const float* __restrict line, std::size_t n, int r, std::size_t first,
+                                         std::size_t last, float scale, float* __restrict out) {
     const std::size_t span = 2 * static_cast<std::size_t>(r) + 1;
     if (span == 1) {
         for (std::size_t x = 0; x < n; ++x) out[x] = line[x] * scale;
@@ -146,38 +132,22 @@ inline void windowMeansRowGray(const float* __restrict line, std::size_t n, int 
     const std::size_t mid = n >= kSplitWidth ? n / 2 : n;
     const float ta = windowSumAt(line, 0, span, first, last);
     out[0] = ta * scale;
+    __m128 sa = _mm_set1_ps(ta);
     if (mid == n) {
-        windowChain<Stream>(line, 0, n, span, ta, scale, out);
+        windowChain(line, 0, n, span, sa, scale, out);
         return;
     }
     const float tb = windowSumAt(line, mid, span, first, last);
     out[mid] = tb * scale;
-    // Both chains in one loop: the first stops where the second began.
-    auto align = [&](std::size_t& x, std::size_t end, float& t) {
-        if constexpr (Stream)
-            for (; x + 1 < end && (reinterpret_cast<std::uintptr_t>(out + x + 1) & 15) != 0; ++x) {
-                t += line[x + span] - line[x];
-                out[x + 1] = t * scale;
-            }
-    };
-    std::size_t xa = 0, xb = mid;
-    float fa = ta, fb = tb;
-    align(xa, mid, fa);
-    align(xb, n, fb);
+    __m128 sb = _mm_set1_ps(tb);
     const __m128 vscale = _mm_set1_ps(scale);
-    __m128 sa = _mm_set1_ps(fa), sb = _mm_set1_ps(fb);
+    std::size_t xa = 0, xb = mid;
     for (; xa + 4 < mid && xb + 4 < n; xa += 4, xb += 4) {
-        sa = windowStep4<Stream>(line, xa, span, sa, vscale, out);
-        sb = windowStep4<Stream>(line, xb, span, sb, vscale, out);
+        sa = windowStep4(line, xa, span, sa, vscale, out);
+        sb = windowStep4(line, xb, span, sb, vscale, out);
     }
-    windowChain<Stream>(line, xb, n, span, _mm_cvtss_f32(sb), scale, out);
-    windowChain<Stream>(line, xa, mid, span, _mm_cvtss_f32(sa), scale, out);
-}
-
-template <>
-inline void windowMeansRow<pixel_gray_t>(const float* __restrict line, std::size_t n, int r, std::size_t first,
-                                         std::size_t last, float scale, float* __restrict out) {
-    windowMeansRowGray<false>(line, n, r, first, last, scale, out);
+    windowChain(line, xb, n, span, sb, scale, out);
+    windowChain(line, xa, mid, span, sa, scale, out);
 }
 
 template <class P, bool Squares>
@@ -220,10 +190,6 @@ public:
     // Window means of the current row for the band's columns: bandWidth entries of C floats.
     void means(float scale, float* outSum) const {
         windowMeansRow<P>(sum_, band_.width(), r_, kLo_, kLo_ + (hi_ - lo_), scale, outSum);
-    }
-    // Gray only: the means written straight to their destination with streaming stores.
-    void meansStreamed(float scale, float* outSum) const {
-        windowMeansRowGray<true>(sum_, band_.width(), r_, kLo_, kLo_ + (hi_ - lo_), scale, outSum);
     }
     void means(float scale, float* outSum, float* outSq) const {
         windowMeansRow<P>(sum_, band_.width(), r_, kLo_, kLo_ + (hi_ - lo_), scale, outSum);

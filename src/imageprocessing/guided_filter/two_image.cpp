@@ -5,8 +5,8 @@
 //   8. mA = mean(a), mB = mean(b)                         9. dst = mA * I + mB
 // Every mean is one call of the given box mean (six per filter). The element-wise work
 // runs as five parallel row loops: step 3; step 4's difference; step 5's product; step
-// 5's variance with steps 6 and 7 (no mean lies between them); step 9. Large planes are
-// written with streaming stores. Five scratch planes:
+// 5's variance with steps 6 and 7 (no mean lies between them); step 9. Plain stores: each
+// plane is read again by the next step, partly from the caches. Five scratch planes:
 //   [0] mI, then mA   [1] mP, then b   [2] T, then mB   [3] mean(I p), cov, a   [4] mean(I I)
 // dst is written only in step 9, which reads I at the same pixel: dst may equal src or I.
 
@@ -19,7 +19,6 @@ void twoImageCoefficients(const float* p, const float* I, std::size_t width, std
                           const Regulariser& reg, const MeanFn& mean, float* const planes[5]) {
     constexpr int C = kChannels<P>;
     const std::size_t rowFloats = width * C;
-    const bool stream = streamPlane(width, height, C);
     float* mI = planes[0];
     float* mP = planes[1];
     float* T = planes[2];
@@ -29,27 +28,24 @@ void twoImageCoefficients(const float* p, const float* I, std::size_t width, std
     mean(mI, I);
     mean(mP, p);
     forRows(height, rowFloats, [&](std::size_t b, std::size_t e) {
-        flatLoopAligned(T, b, e, [&](std::size_t i, auto lanes) {
+        flatLoop(b, e, [&](std::size_t i, auto lanes) {
             using V = decltype(lanes);
-            put(T + i, load<V>(I + i) * load<V>(p + i), stream);
+            store(T + i, load<V>(I + i) * load<V>(p + i));
         });
-        _mm_sfence();
     });
     mean(cov, T);
     forRows(height, rowFloats, [&](std::size_t b, std::size_t e) {
-        flatLoopAligned(cov, b, e, [&](std::size_t i, auto lanes) {
+        flatLoop(b, e, [&](std::size_t i, auto lanes) {
             using V = decltype(lanes);
-            put(cov + i, load<V>(cov + i) - load<V>(mI + i) * load<V>(mP + i), stream);
+            store(cov + i, load<V>(cov + i) - load<V>(mI + i) * load<V>(mP + i));
         });
-        _mm_sfence();
     });
     forRows(height, rowFloats, [&](std::size_t b, std::size_t e) {
-        flatLoopAligned(T, b, e, [&](std::size_t i, auto lanes) {
+        flatLoop(b, e, [&](std::size_t i, auto lanes) {
             using V = decltype(lanes);
             const V v = load<V>(I + i);
-            put(T + i, v * v, stream);
+            store(T + i, v * v);
         });
-        _mm_sfence();
     });
     mean(var, T);
     // The tail of step 5 and steps 6 and 7 follow each other with no mean between them:
@@ -58,16 +54,15 @@ void twoImageCoefficients(const float* p, const float* I, std::size_t width, std
     // those of three separate loops; the var plane is not written back.
     if (!reg.weight) {
         forRows(height, rowFloats, [&](std::size_t b, std::size_t e) {
-            flatLoopAligned(cov, b, e, [&](std::size_t i, auto lanes) {
+            flatLoop(b, e, [&](std::size_t i, auto lanes) {
                 using V = decltype(lanes);
                 const V m = load<V>(mI + i);
                 const V v = load<V>(var + i) - m * m;
                 const V a = load<V>(cov + i) / (v + V(reg.constant));
-                put(cov + i, a, stream);
-                put(mP + i, load<V>(mP + i) - a * m, stream);
+                store(cov + i, a);
+                store(mP + i, load<V>(mP + i) - a * m);
             });
-            _mm_sfence();
-        });
+            });
     } else {
         // The weighted regulariser epsilon / W is one value per pixel, for every channel.
         forRows(height, width, [&](std::size_t b, std::size_t e) {
@@ -91,17 +86,15 @@ void twoImage(const float* p, const float* I, float* dst, std::size_t width, std
     float* const planes[5] = {plane0.get(), plane1.get(), plane2.get(), plane3.get(), plane4.get()};
     twoImageCoefficients<P>(p, I, width, height, reg, mean, planes);
 
-    const bool stream = streamPlane(width, height, C);
     float* mA = planes[0];
     float* mB = planes[2];
     mean(mA, planes[3]);
     mean(mB, planes[1]);
     forRows(height, width * C, [&](std::size_t b, std::size_t e) {
-        flatLoopAligned(dst, b, e, [&](std::size_t i, auto lanes) {
+        flatLoop(b, e, [&](std::size_t i, auto lanes) {
             using V = decltype(lanes);
-            put(dst + i, load<V>(mA + i) * load<V>(I + i) + load<V>(mB + i), stream);
+            store(dst + i, load<V>(mA + i) * load<V>(I + i) + load<V>(mB + i));
         });
-        _mm_sfence();
     });
 }
 
