@@ -26,6 +26,31 @@ template <class P>
 void selfGuidedCoefficients(const float* I, float* a, float* b, std::size_t width, std::size_t height, int r,
                             const Regulariser& reg);
 
+// In place over one row of a band: ms (window means of I) becomes a = var / (var + reg),
+// mq (window means of I^2) becomes b = m - a * m. pixels from image pixel firstPixel.
+template <class P>
+inline void coefficientsRow(float* ms, float* mq, std::size_t pixels, const Regulariser& reg, std::size_t firstPixel) {
+    if (!reg.weight) {
+        flatLoop(0, pixels * kChannels<P>, [&](std::size_t i, auto lanes) {
+            using V = decltype(lanes);
+            const V m = load<V>(ms + i);
+            const V var = load<V>(mq + i) - m * m;
+            const V ai = var / (var + V(reg.constant));
+            store(ms + i, ai);
+            store(mq + i, m - ai * m);
+        });
+        return;
+    }
+    const float* w = reg.weight + firstPixel;
+    for (std::size_t x = 0; x < pixels; ++x) {
+        const P m = P::load(ms, x);
+        const P var = P::load(mq, x) - m * m;
+        const P ai = var / (var + P(reg.epsilon / w[x]));
+        P::store(ms, x, ai);
+        P::store(mq, x, m - ai * m);
+    }
+}
+
 // The self-guided filter in three band-parallel passes; src == dst allowed.
 template <class P>
 void selfGuided(const float* src, float* dst, std::size_t width, std::size_t height, int r, const Regulariser& reg);
