@@ -12,6 +12,26 @@
 // Writes outside the image are clipped away; reads outside it give the fill colour.
 // A size with a side below 0 or above kMaxTiledImageSide is logged and gives a 0 x 0
 // store. Neither store is locked: one writer at a time, and no reads during a write.
+//
+// Operations both stores offer beyond the TiledImageData interface:
+// - blendWithTiledImageData(layer, mask, opacity): blends `layer` (same scheme and size)
+//   over this store, mode Normal: tile by tile through blendImages, this store's tiles as
+//   base and result. mask (optional, the store's size) weights each pixel, times opacity.
+//   Tiles absent in both stay absent: without a mask the fill colour becomes the blend of
+//   the two fill colours. A size mismatch is logged ("Images have different sizes",
+//   "Mask has wrong size!") and nothing changes. layer may be this store.
+// - blendWithImageData(image, rp, mask, opacity): blends `image`, which shows the canvas
+//   rectangle rp.rect of this store at rp.size, into the tiles of that rectangle (mode
+//   Normal, optional mask of the image's size, opacity). Store pixel (x, y) reads the
+//   image at u = (x - rect.x + 0.5) * size.w / rect.w - 0.5 (v likewise): bilinear with
+//   edges clamped when rp.resizeFlag, else the nearest pixel; equal sizes copy exactly.
+//   A null image, an image not of rp.size, an empty rp or a mask of another size is
+//   logged and nothing changes.
+// - encode(encoder): size, fill colour, profile, tile geometry and every present tile as
+//   a tracked zlib block (the serialised form is in docs/DESIGN.md). The load state and
+//   the modified flags are not written. Throws CompressorException when zlib fails.
+// - decode(decoder): reads what encode wrote. Null, after one log line, on any fault of
+//   the stream; never a partial store.
 
 #include <array>
 #include <cstdint>
@@ -57,30 +77,12 @@ public:
     void fillRoi(_Rect<int> r, const Pixel& value) override;
     void setFillWith(const Pixel& value) override;
 
-    // Blends `layer` (same scheme and size) over this store, mode Normal: tile by tile
-    // through blendImages, this store's tiles as base and result. mask (optional, the
-    // store's size) weights each pixel, times opacity. Tiles absent in both stay absent:
-    // without a mask the fill colour becomes the blend of the two fill colours. A size
-    // mismatch is logged ("Images have different sizes", "Mask has wrong size!") and
-    // nothing changes. layer may be this store.
     void blendWithTiledImageData(const KelTiledImageData& layer, const std::shared_ptr<const _ImageData<float>>& mask,
                                  float opacity);
-    // Blends `image`, which shows the canvas rectangle rp.rect of this store at rp.size,
-    // into the tiles of that rectangle (mode Normal, optional mask of the image's size,
-    // opacity). Store pixel (x, y) reads the image at u = (x - rect.x + 0.5) * size.w /
-    // rect.w - 0.5 (v likewise): bilinear with edges clamped when rp.resizeFlag, else the
-    // nearest pixel; equal sizes copy exactly. A null image, an image not of rp.size, an
-    // empty rp or a mask of another size is logged and nothing changes.
     void blendWithImageData(const std::shared_ptr<const ImageData>& image, const ResizeParameters& rp,
                             const std::shared_ptr<const _ImageData<float>>& mask, float opacity);
 
-    // Writes the store (see the serialised form in docs/DESIGN.md): size, fill colour,
-    // profile, tile geometry and every present tile as a tracked zlib block. The load
-    // state and the modified flags are not written. Throws CompressorException when zlib
-    // fails.
     void encode(const std::shared_ptr<Encoder>& encoder) const override;
-    // Reads what encode wrote. Null, after one log line, on any fault of the stream; never
-    // a partial store.
     static Ptr decode(const std::shared_ptr<Decoder>& decoder);
 
     // Modified flags, by tile index.
@@ -138,30 +140,12 @@ public:
     void fillRoi(_Rect<int> r, const Pixel& value) override;
     void setFillWith(const Pixel& value) override;
 
-    // Blends `layer` (same scheme and size) over this store, mode Normal: tile by tile
-    // through blendImages, this store's tiles as base and result. mask (optional, the
-    // store's size) weights each pixel, times opacity. Tiles absent in both stay absent:
-    // without a mask the fill colour becomes the blend of the two fill colours. A size
-    // mismatch is logged ("Images have different sizes", "Mask has wrong size!") and
-    // nothing changes. layer may be this store.
     void blendWithTiledImageData(const BarcTiledImageData& layer, const std::shared_ptr<const _ImageData<float>>& mask,
                                  float opacity);
-    // Blends `image`, which shows the canvas rectangle rp.rect of this store at rp.size,
-    // into the tiles of that rectangle (mode Normal, optional mask of the image's size,
-    // opacity). Store pixel (x, y) reads the image at u = (x - rect.x + 0.5) * size.w /
-    // rect.w - 0.5 (v likewise): bilinear with edges clamped when rp.resizeFlag, else the
-    // nearest pixel; equal sizes copy exactly. A null image, an image not of rp.size, an
-    // empty rp or a mask of another size is logged and nothing changes.
     void blendWithImageData(const std::shared_ptr<const ImageData>& image, const ResizeParameters& rp,
                             const std::shared_ptr<const _ImageData<float>>& mask, float opacity);
 
-    // Writes the store (see the serialised form in docs/DESIGN.md): size, fill colour,
-    // profile, tile geometry and every present tile as a tracked zlib block. The load
-    // state and the modified flags are not written. Throws CompressorException when zlib
-    // fails.
     void encode(const std::shared_ptr<Encoder>& encoder) const override;
-    // Reads what encode wrote. Null, after one log line, on any fault of the stream; never
-    // a partial store.
     static Ptr decode(const std::shared_ptr<Decoder>& decoder);
 
 private:
