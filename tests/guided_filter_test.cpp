@@ -335,6 +335,22 @@ TEST(GuidedFilter, WeightedMatchesReference) {
                 }
 }
 
+TEST(GuidedFilter, FastOverManyRowStrips) {
+    // 150 small rows: the self-guided fast filters advance in strips of small rows.
+    const Size s{41, 603};
+    for (const SelfCase& f : kSelf) {
+        if (!f.fast) continue;
+        for (float radius : {3.0f, 9.0f, 70.0f}) {
+            const std::vector<float> src = image(s, f.C, 35);
+            std::vector<float> dst(src.size());
+            f.fn(src.data(), dst.data(), s.w, s.h, radius, kEps);
+            const Plane p = toDouble(src);
+            EXPECT_TRUE(near(dst, refFast(p, p, s.w, s.h, f.C, radius, kEps), kFilterTolerance))
+                << f.name << " r=" << radius;
+        }
+    }
+}
+
 TEST(GuidedFilter, WideImageMatchesReference) {
     const Size s{6000, 4};
     const std::vector<float> src = image(s, 1, 12);
