@@ -17,57 +17,39 @@ enum class Flag { NoStatus, NullFlag, Clear, SetBefore, SetDuring };
 
 TEST(Frame, CancellationComesOnlyAfterTheWholeLoop) {
     constexpr int kRows = 257;
-    const struct {
-        Flag flag;
-        bool cancels;
-    } cases[] = {{Flag::NoStatus, false}, {Flag::NullFlag, false}, {Flag::Clear, false},
-                 {Flag::SetBefore, true}, {Flag::SetDuring, true}};
     for (bool oneThread : {true, false})
-        for (const auto& c : cases) {
+        for (Flag mode : {Flag::NoStatus, Flag::NullFlag, Flag::Clear, Flag::SetBefore, Flag::SetDuring}) {
+            const std::string name = "case " + std::to_string(int(mode)) + (oneThread ? " one thread" : " many");
             test::MemoryBalance balance;
-            uint8_t flag = c.flag == Flag::SetBefore ? 1 : 0;
-            ImageProcessingStatus status;
-            status.cancelFlag = c.flag == Flag::NullFlag ? nullptr : &flag;
-            const ImageProcessingStatus* arg = c.flag == Flag::NoStatus ? nullptr : &status;
+            uint8_t flag = mode == Flag::SetBefore ? 1 : 0;
+            const ImageProcessingStatus status{mode == Flag::NullFlag ? nullptr : &flag};
             std::vector<std::atomic<int>> visits(kRows);
             bool threw = false;
-            auto run = [&] {
+            const auto run = [&] {
                 try {
                     ManagedBuffer<float> scratch(1000);  // released while the exception passes
-                    parallelFor(
-                        0, kRows,
-                        [&](int b, int e) {
-                            for (int y = b; y < e; ++y) {
-                                if (y == 3 && c.flag == Flag::SetDuring) flag = 1;  // the caller presses cancel
-                                visits[y]++;
-                            }
-                        },
-                        arg);
+                    const auto rows = [&](int b, int e) {
+                        for (int y = b; y < e; ++y) {
+                            if (y == 3 && mode == Flag::SetDuring) flag = 1;  // the caller presses cancel
+                            visits[y]++;
+                        }
+                    };
+                    parallelFor(0, kRows, rows, mode == Flag::NoStatus ? nullptr : &status);
                 } catch (const ImageProcessingStatus::cancelException& e) {
                     threw = true;
                     EXPECT_STREQ(e.what(), "ImageProcessingStatus cancelled");
                 }
             };
-            if (oneThread)
-                test::onOneThread(run);
-            else
-                run();
-            const std::string name = "case " + std::to_string(int(c.flag)) + (oneThread ? " one thread" : " many");
-            EXPECT_EQ(threw, c.cancels) << name;
+            oneThread ? test::onOneThread(run) : run();
+            EXPECT_EQ(threw, mode == Flag::SetBefore || mode == Flag::SetDuring) << name;
             for (int y = 0; y < kRows; ++y) ASSERT_EQ(visits[y].load(), 1) << name << " row " << y;
             EXPECT_TRUE(balance.balanced()) << name;
         }
-}
-
-TEST(Frame, EmptyLoopStillChecksCancellation) {
+    // An empty loop still checks.
     uint8_t flag = 1;
-    ImageProcessingStatus status{&flag};
-    int calls = 0;
-    EXPECT_THROW(parallelFor(std::size_t(5), std::size_t(5), [&](std::size_t, std::size_t) { ++calls; }, &status),
+    const ImageProcessingStatus status{&flag};
+    EXPECT_THROW(parallelFor(std::size_t(5), std::size_t(5), [](std::size_t, std::size_t) { FAIL(); }, &status),
                  ImageProcessingStatus::cancelException);
-    EXPECT_EQ(calls, 0);
-    EXPECT_FALSE(ImageProcessingStatus{}.isCancelled());
-    EXPECT_NO_THROW(ImageProcessingStatus::throwIfCancelled(nullptr));
 }
 
 TEST(Frame, ScopeExitRunsSwallowsAndLogs) {
@@ -79,8 +61,6 @@ TEST(Frame, ScopeExitRunsSwallowsAndLogs) {
         guard.dismiss();
     }
     EXPECT_EQ(ran, 1);
-    EXPECT_EQ(log.count(), 0u);
-
     EXPECT_NO_THROW({ ScopeExit guard([] { throw std::runtime_error("disk gone"); }); });
     EXPECT_NO_THROW({ ScopeExit guard([] { throw 42; }); });
     // While another exception unwinds the scope, the guard's own exception must not
@@ -94,7 +74,7 @@ TEST(Frame, ScopeExitRunsSwallowsAndLogs) {
     EXPECT_EQ(log.lines(), (std::vector<std::string>{"Exception thrown during ~ScopeExit. Cause: disk gone",
                                                      "Unknown exception thrown during ~ScopeExit.",
                                                      "Exception thrown during ~ScopeExit. Cause: second"}));
-    for (LogMessageType t : log.types()) EXPECT_EQ(t, LogMessageType::Error);
+    EXPECT_EQ(log.types(), std::vector<LogMessageType>(3, LogMessageType::Error));
 }
 
 TEST(Frame, SignatureTypeNames) {
@@ -102,22 +82,18 @@ TEST(Frame, SignatureTypeNames) {
         {sig::typeName<float>(), "float"},
         {sig::typeName<uint8_t>(), "unsigned char"},
         {sig::typeName<uint16_t>(), "unsigned short"},
-        {sig::typeName<int>(), "int"},
-        {sig::typeName<uint64_t>(), "unsigned __int64"},
         {sig::typeName<int64_t>(), "__int64"},
         {sig::typeName<std::size_t>(), "unsigned __int64"},
-        {sig::typeName<PixelRGB<float>>(), "struct zorl::PixelRGB<float>"},
         {sig::typeName<PixelBGRA<uint8_t>>(), "struct zorl::PixelBGRA<unsigned char>"},
         {sig::typeName<PixelRGBA<uint16_t>>(), "struct zorl::PixelRGBA<unsigned short>"},
-        {sig::typeName<PixelARGB<float>>(), "struct zorl::PixelARGB<float>"},
-        {sig::typeName<const float*>(), "const float *"},
-        {sig::typeName<uint8_t*>(), "unsigned char *"},
         {sig::typeName<const PixelRGB<float>*>(), "const struct zorl::PixelRGB<float> *"},
     };
     for (const auto& [got, want] : cases) EXPECT_EQ(got, want);
     // The text of a conversion entry point, assembled the way the families do it.
-    EXPECT_EQ("void __cdecl zorl::convertLoop<" + sig::typeName<float>() + "," + sig::typeName<uint8_t>() + ">(" +
-                  sig::typeName<const float*>() + "," + sig::typeName<uint8_t*>() + "," + sig::typeName<uint64_t>() + ")",
+    const std::string text = "void __cdecl zorl::convertLoop<" + sig::typeName<float>() + "," +
+                             sig::typeName<uint8_t>() + ">(" + sig::typeName<const float*>() + "," +
+                             sig::typeName<uint8_t*>() + "," + sig::typeName<uint64_t>() + ")";
+    EXPECT_EQ(text,
               "void __cdecl zorl::convertLoop<float,unsigned char>(const float *,unsigned char *,unsigned __int64)");
 }
 
@@ -128,8 +104,7 @@ TEST(Frame, ErrorLineFormatAndChecks) {
     std::shared_ptr<int> empty, full = std::make_shared<int>(1);
     EXPECT_FALSE(checkNotNull(none, "S1", "no pixels"));
     EXPECT_FALSE(checkNotNull(empty, "S2", "no image"));
-    EXPECT_TRUE(checkNotNull(full, "S3", "never logged"));
-    EXPECT_TRUE(checkThat(true, "S4", "never logged"));
+    EXPECT_TRUE(checkNotNull(full, "S3", "never logged") && checkThat(true, "S4", "never logged"));
     EXPECT_FALSE(checkThat(1 > 2, "S5", "width must be positive"));
     const int line = __LINE__ + 1;
     ZORL_ASSERT_REPORT(1 + 1 == 3);
@@ -138,7 +113,7 @@ TEST(Frame, ErrorLineFormatAndChecks) {
         "void __cdecl zorl::f(int): source is null", "S1: no pixels", "S2: no image", "S5: width must be positive",
         std::string(__FILE__) + "(" + std::to_string(line) + "): 1 + 1 == 3"};
     EXPECT_EQ(log.lines(), expected);
-    for (LogMessageType t : log.types()) EXPECT_EQ(static_cast<int>(t), 3);
+    EXPECT_EQ(log.types(), std::vector<LogMessageType>(5, LogMessageType(3)));
 }
 
 }  // namespace
