@@ -287,6 +287,10 @@ TEST(BlendImages, OpacityZeroGivesTheBaseAndMaskWeightsMultiply) {
         for (std::size_t i = 0; i < out->pixelCount(); ++i)
             ASSERT_TRUE(sameBits(out->data()[i], s.base->data()[i])) << "mode " << int(m) << " pixel " << i;
     }
+    RGBf nan;  // the mode's value is still weighed: 0 * NaN is NaN
+    blendPix({0.7f, 0.7f, 0.7f}, {-0.2f, 0.5f, 0.5f}, nan, 0.0f, &blendChannelSoftLight);
+    EXPECT_TRUE(std::isnan(nan.r));
+    EXPECT_EQ(nan.g, 0.5f);
     // Mask 0 keeps the base; mask 0.5 with opacity 0.5 is a quarter of the way.
     s.mask = std::make_shared<ImageF>(s.layer->size(), 0.5f, ColorProfileType::None());
     s.mask->data()[0] = 0.0f;
