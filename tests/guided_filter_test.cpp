@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -176,6 +177,8 @@ struct Export {
     bool guided;  // takes a guidance image
     Run run;
 };
+
+void PrintTo(const Export& f, std::ostream* os) { *os << f.name; }
 
 using SelfFn = void (*)(const float*, float*, size_t, size_t, float, float);
 using GuidedFn = void (*)(const float*, const float*, float*, size_t, size_t, float, float);
