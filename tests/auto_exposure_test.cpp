@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <limits>
 #include <string>
 #include <thread>
 #include <utility>
@@ -45,12 +44,10 @@ TEST(AutoExposureTables, ForwardTableIsTheCurveThroughTheKnots) {
     // a few hundred in magnitude and cancel, so each entry may differ from the double
     // value by some hundred float epsilons of those terms.
     constexpr double kSinglePrecisionTol = 2e-5;
+    // The ends, and entries beside the knots at 0.023, 0.154, 0.462, 0.538, 0.769
+    // and 0.962 (where the curve passes through the knot values).
     for (int i : {0, 1, 1512, 10082, 30246, 35288, 50412, 63015, 65534})
         EXPECT_NEAR(pixelValueTable[i], curve(double(float(i) / 65535.0f)), kSinglePrecisionTol) << "entry " << i;
-    // Through the knots inside the table (nearest entry; the curve rises at most about 3.5
-    // per unit). The knot at exposure 1 lies one past the last entry.
-    for (int k = 1; k < 16; ++k)
-        EXPECT_NEAR(pixelValueTable[std::lround(kKnotX[k] * 65535)], kKnotY[k], 1e-4) << "knot " << k;
     for (int i = 0; i < kEntries; ++i) ASSERT_TRUE(pixelValueTable[i] >= 0.0f && pixelValueTable[i] <= 1.0f);
 }
 
@@ -86,8 +83,7 @@ TEST(ApplyExposure, ExcessAbove1PassesThroughAndNothingIsNegative) {
     // then lifts that negative value, not 0.
     EXPECT_EQ(apply_exposure(1.0f, 0.3f, 0.9f, 0.5f), 0.0f);
     EXPECT_NEAR(apply_exposure(1.25f, 0.3f, 0.9f, 0.5f), 0.2345f, 1e-3f);
-    const float inf = std::numeric_limits<float>::infinity();
-    for (float v : {-5.0f, -0.3f, 0.0f, 0.01f, 0.5f, 1.0f, 3.0f, std::nanf(""), inf, -inf})
+    for (float v : {-5.0f, -0.3f, 0.0f, 0.01f, 0.5f, 1.0f, 3.0f, std::nanf(""), INFINITY, -INFINITY})
         for (float g : {0.0f, 0.1f, 1.0f, 2.0f, -1.0f})
             for (float s : {0.87f, 1.0f, 0.0f, -1.0f})
                 for (float o : {0.0f, 0.4f, 0.8f, 2.0f})
@@ -135,15 +131,11 @@ TEST(AutoExposureEstimate, RecoversKnownRecordsWithEveryFlagCombination) {
     std::vector<float> target(src.size()), out(src.size());
     constexpr double kRmsTol = 2e-3;
     constexpr float kGainTol = 0.01f;
-    struct Field {  // a flag, the field it searches, the field's start value, its tolerance
-        unsigned flag;
-        float auto_exposure_data_t::*field;
-        float start, tolerance;
-    };
+    struct Field { unsigned flag; float auto_exposure_data_t::*field; float start, tolerance; };
     const Field optional[] = {{kAutoExposureFitScale, &auto_exposure_data_t::scale, 0.9f, 0.005f},
                               {kAutoExposureFitOffset, &auto_exposure_data_t::offset, 0.5f, 0.02f},
                               {kAutoExposureFitContrast, &auto_exposure_data_t::contrast, 0.5f, 0.02f}};
-    for (float gain : {0.7f, 1.4f}) {
+    for (float gain : {0.7f, 1.4f})
         for (unsigned flags = 0; flags < 8; ++flags) {
             // Contrast 0: the S-curve step runs with no weight when it is fitted.
             const auto_exposure_data_t known{gain, 0.9f, 0.5f, (flags & 4) ? 0.0f : 0.5f};
@@ -156,32 +148,10 @@ TEST(AutoExposureEstimate, RecoversKnownRecordsWithEveryFlagCombination) {
             const std::string what = "gain " + std::to_string(gain) + " flags " + std::to_string(flags);
             EXPECT_LT(rms(out, target), kRmsTol) << what;
             EXPECT_NEAR(est.gain, gain, kGainTol) << what;
-            for (const Field& f : optional) {
-                if (flags & f.flag)
-                    EXPECT_NEAR(est.*f.field, known.*f.field, f.tolerance) << what;
-                else
-                    EXPECT_EQ(est.*f.field, f.start) << what;
-            }
+            for (const Field& f : optional)
+                EXPECT_NEAR(est.*f.field, (flags & f.flag) ? known.*f.field : f.start, (flags & f.flag) ? f.tolerance : 0)
+                    << what;
         }
-    }
-}
-
-TEST(AutoExposureEstimate, WhereTheCostIsFlatTheSearchTakesTheLowerHalf) {
-    // A white source against an unreachable target of 2: every gain that drives the
-    // curve to its top gives the same cost, so the gain ends at the edge of that range
-    // (the smallest gain reaching the top, within the 0.01 tolerance), and the other
-    // fields, flat once everything clips, at their lowest midpoints.
-    const int w = 16, h = 8;
-    std::vector<float> src(std::size_t(w) * h * 3, 1.0f), dst(src.size(), 2.0f);
-    const float top = apply_exposure(1.0f, 2.0f, 0.9f, 0.5f);
-    float edge = 0.1f;
-    while (apply_exposure(1.0f, edge, 0.9f, 0.5f) < top) edge += 0.0005f;
-    auto_exposure_data_t d;
-    autoExposureEstimateRGB(src.data(), dst.data(), w, h, &d, 7);
-    EXPECT_NEAR(d.gain, edge, 0.01f);
-    EXPECT_FLOAT_EQ(d.scale, 0.87f + 0.13f / 2048);  // eleven halvings
-    EXPECT_FLOAT_EQ(d.offset, 0.4f + 0.4f / 64);     // six
-    EXPECT_FLOAT_EQ(d.contrast, 1.0f / 128);         // seven
 }
 
 TEST(AutoExposureEstimate, ReducesWideImagesTo512Columns) {
@@ -190,47 +160,35 @@ TEST(AutoExposureEstimate, ReducesWideImagesTo512Columns) {
     const int w = 1024, h = 6, rw = 512, rh = 3;
     const std::size_t n = std::size_t(rw) * rh * 3;
     const auto values = zorl::test::noise(2 * n, 9, 0.1f, 0.9f);
-    const auto dyadic = [](float v) { return std::round(v * 1024.0f) / 1024.0f; };
     std::vector<float> smallSrc(n), smallDst(n), src(4 * n), dst(4 * n);
     for (std::size_t b = 0; b < n; ++b) {
-        smallSrc[b] = dyadic(values[b]);
-        smallDst[b] = dyadic(apply_exposure(values[n + b], 1.3f, 0.95f, 0.55f));
+        smallSrc[b] = std::round(values[b] * 1024.0f) / 1024.0f;
+        smallDst[b] = std::round(apply_exposure(values[n + b], 1.3f, 0.95f, 0.55f) * 1024.0f) / 1024.0f;
     }
     for (std::size_t i = 0; i < 4 * n; ++i) {
         const std::size_t x = i / 3 % w, y = i / 3 / w, b = (y / 2 * rw + x / 2) * 3 + i % 3;
-        src[i] = smallSrc[b];
-        dst[i] = smallDst[b];
+        src[i] = smallSrc[b], dst[i] = smallDst[b];
     }
     auto_exposure_data_t wide, narrow;
     autoExposureEstimateRGB(src.data(), dst.data(), w, h, &wide, 7);
     autoExposureEstimateRGB(smallSrc.data(), smallDst.data(), rw, rh, &narrow, 7);
-    EXPECT_EQ(std::memcmp(&wide, &narrow, sizeof wide), 0)
-        << wide.gain << " " << narrow.gain << " " << wide.scale << " " << narrow.scale;
+    EXPECT_EQ(std::memcmp(&wide, &narrow, sizeof wide), 0) << wide.gain << " " << narrow.gain;
 }
 
 TEST(AutoExposureEstimate, RejectedInputIsLoggedAndLeavesTheRecord) {
-    std::vector<float> img(12, 0.5f);
+    float p[12] = {};
     auto_exposure_data_t d{1, 2, 3, 4};
     const std::string sig =
         "void __cdecl autoExposureEstimateRGB(float *,float *,int,int,struct auto_exposure_data_t *,unsigned int): ";
-    struct Case {
-        float *src, *dst;
-        int w, h;
-        auto_exposure_data_t* data;
-        const char* message;
-    };
-    const Case cases[] = {{nullptr, img.data(), 2, 2, &d, "source is null"},
-                          {img.data(), nullptr, 2, 2, &d, "destination is null"},
-                          {img.data(), img.data(), 0, 2, &d, "image is empty"},
-                          {img.data(), img.data(), 2, -1, &d, "image is empty"},
-                          {img.data(), img.data(), 2, 2, nullptr, "data is null"}};
+    struct Case { float *src, *dst; int w, h; auto_exposure_data_t* data; const char* message; };
+    const Case cases[] = {{nullptr, p, 2, 2, &d, "source is null"}, {p, nullptr, 2, 2, &d, "destination is null"},
+                          {p, p, 0, 2, &d, "image is empty"},       {p, p, 2, -1, &d, "image is empty"},
+                          {p, p, 2, 2, nullptr, "data is null"}};
     for (const Case& c : cases) {
         LogCapture log;
         autoExposureEstimateRGB(c.src, c.dst, c.w, c.h, c.data, 7);
-        ASSERT_EQ(log.count(), 1u);
-        EXPECT_EQ(log.lines()[0], sig + c.message);
-        EXPECT_EQ(d.gain, 1.0f);
-        EXPECT_EQ(d.contrast, 4.0f);
+        EXPECT_EQ(log.lines(), std::vector<std::string>{sig + c.message});
+        EXPECT_TRUE(d.gain == 1 && d.scale == 2 && d.offset == 3 && d.contrast == 4) << c.message;
     }
     LogCapture log;
     autoExposureApplyRGB(nullptr, nullptr, 5, 0, &d);  // height 0: nothing, silently
@@ -245,7 +203,7 @@ TEST(AutoExposureApply, EveryValueIsTheModelOnBothPaths) {
         src[5] = std::nanf("");
         src[6] = 1.0f;
         std::vector<float> dst(src.size());
-        for (const auto_exposure_data_t& d : {auto_exposure_data_t{1.3f, 0.93f, 0.55f, 0.3f}, auto_exposure_data_t{0.6f, 0.9f, 0.5f, 0.5f}}) {
+        for (const auto_exposure_data_t& d : {auto_exposure_data_t{1.3f, 0.93f, 0.55f, 0.3f}, {0.6f, 0.9f, 0.5f, 0.5f}}) {
             autoExposureApplyRGB(src.data(), dst.data(), w, h, &d);
             for (std::size_t i = 0; i < src.size(); ++i) {
                 const float expected = model(src[i], d);
@@ -257,9 +215,10 @@ TEST(AutoExposureApply, EveryValueIsTheModelOnBothPaths) {
 }
 
 // Adjust = estimate with all three searches against dst, then apply; ARGB does the same
-// to the colour and takes the alpha from the source.
-TEST(AutoExposureAdjust, RGBIsEstimateThenApplyAndARGBKeepsTheSourceAlpha) {
-    const int w = 90, h = 70;
+// to the colour and takes the alpha from the source. 600 x 150 is above the table-path
+// threshold and reduced; the same on one thread, and with several callers at once.
+TEST(AutoExposureAdjust, IsEstimateThenApplyOnOneThreadAsOnMany) {
+    const int w = 600, h = 150;
     const std::size_t n = std::size_t(w) * h;
     auto src = wellExposed(w, h, 12);
     std::vector<float> target(src.size()), expected(src.size()), srcARGB(4 * n), dstARGB(4 * n);
@@ -272,12 +231,15 @@ TEST(AutoExposureAdjust, RGBIsEstimateThenApplyAndARGBKeepsTheSourceAlpha) {
         srcARGB[i] = i % 4 == 0 ? float(i / 4 % 7) / 7.0f : src[i / 4 * 3 + i % 4 - 1];
         dstARGB[i] = i % 4 == 0 ? 0.25f : target[i / 4 * 3 + i % 4 - 1];
     }
-    std::vector<float> dst = target;
+    std::vector<std::vector<float>> dst(4, target);
     MemoryBalance balance;
-    autoExposureAdjustRGB(src.data(), dst.data(), w, h);
+    zorl::test::onOneThread([&] { autoExposureAdjustRGB(src.data(), dst[0].data(), w, h); });
+    std::vector<std::thread> callers;  // several callers at once, each with its own parallel loops
+    for (int k = 1; k < 4; ++k) callers.emplace_back([&, k] { autoExposureAdjustRGB(src.data(), dst[k].data(), w, h); });
+    for (auto& t : callers) t.join();
     autoExposureAdjustARGB(srcARGB.data(), dstARGB.data(), w, h);
     EXPECT_TRUE(balance.balanced());
-    EXPECT_EQ(dst, expected);
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(dst[k], expected) << "caller " << k;
     for (std::size_t i = 0; i < 4 * n; ++i)
         ASSERT_EQ(dstARGB[i], i % 4 == 0 ? srcARGB[i] : expected[i / 4 * 3 + i % 4 - 1]) << i;
 }
@@ -294,54 +256,23 @@ double scaleModel(double x, double a, double b) {
 
 // a is fitted first with the identity curve (b = 0), then b: each alone is recovered
 // (last midpoints of bisections with tolerance 0.01), and the first two fields stay.
+// The model acts on luminance: the target is grey, the curved source luminance.
 TEST(AutoScaleEstimate, RecoversPowerAndContrastFromLuminance) {
     const int w = 700, h = 40;  // wider than 512: nearest-neighbour working samples
     const auto rgb = wellExposed(w, h, 13);
     const std::size_t n = std::size_t(w) * h;
     for (const auto& [a, b] : {std::pair{0.3, 0.0}, std::pair{0.6, 0.0}, std::pair{0.0, 0.4}}) {
         std::vector<float> src(4 * n, 1.0f), dst(4 * n, 1.0f);
-        for (std::size_t i = 0; i < n; ++i) {
-            // The model acts on luminance: a grey target of the curved source luminance.
-            const double luma = 0.299 * rgb[3 * i] + 0.587 * rgb[3 * i + 1] + 0.114 * rgb[3 * i + 2];
+        for (std::size_t i = 0; i < n; ++i)
             for (int c = 0; c < 3; ++c) {
                 src[4 * i + 1 + c] = rgb[3 * i + c];
-                dst[4 * i + 1 + c] = float(scaleModel(luma, a, b));
+                dst[4 * i + 1 + c] = float(scaleModel(0.299 * rgb[3 * i] + 0.587 * rgb[3 * i + 1] + 0.114 * rgb[3 * i + 2], a, b));
             }
-        }
         auto_exposure_data_t d{0.25f, 0.75f, -1, -1};
         autoScaleEstimateARGB(src.data(), dst.data(), w, h, &d);
-        EXPECT_EQ(d.gain, 0.25f);
-        EXPECT_EQ(d.scale, 0.75f);
+        EXPECT_TRUE(d.gain == 0.25f && d.scale == 0.75f);
         EXPECT_NEAR(d.offset, a, 0.02) << a << " " << b;
         EXPECT_NEAR(d.contrast, b, 0.02) << a << " " << b;
-    }
-}
-
-TEST(AutoExposure, ManyThreadsGiveTheResultOfOne) {
-    const int w = 600, h = 150;  // above the table-path threshold, and reduced
-    const auto src = wellExposed(w, h, 14);
-    std::vector<float> target(src.size());
-    const auto_exposure_data_t known{1.4f, 0.9f, 0.5f, 0.0f};
-    autoExposureApplyRGB(const_cast<float*>(src.data()), target.data(), w, h, &known);
-    struct Run {
-        std::vector<float> out;
-        auto_exposure_data_t est;
-    };
-    auto run = [&](Run& r) {
-        std::vector<float> s = src;
-        r.out = target;
-        autoExposureEstimateRGB(s.data(), r.out.data(), w, h, &r.est, 7);
-        autoExposureAdjustRGB(s.data(), r.out.data(), w, h);
-    };
-    Run single;
-    zorl::test::onOneThread([&] { run(single); });
-    std::vector<Run> runs(3);  // several callers at once, each with its own parallel loops
-    std::vector<std::thread> threads;
-    for (Run& r : runs) threads.emplace_back([&] { run(r); });
-    for (auto& t : threads) t.join();
-    for (const Run& r : runs) {
-        EXPECT_EQ(std::memcmp(&r.est, &single.est, sizeof single.est), 0);
-        EXPECT_EQ(r.out, single.out);
     }
 }
 
