@@ -2,9 +2,9 @@
 
 #include <imageprocessing/compression.h>
 
+#include <array>
 #include <cmath>
 #include <cstring>
-#include <set>
 
 #include "support/test_support.h"
 
@@ -61,11 +61,15 @@ Bytes encoded(const TiledMaskImage& m, bool compressed) {
 
 TiledMaskImage decoded(const Bytes& b) { return TiledMaskImage(std::make_shared<Decoder>(b)); }
 
-std::set<int> presentTiles(const TiledMaskImage& m) {
-    std::set<int> present;
-    for (int i = 0; i < m.tileCount(); ++i)
-        if (m.tile(i)) present.insert(i);
-    return present;
+// A stream header: version, the compressed flag (from version 2), width, height, fill, tile
+// width and height, tiles across and down.
+void encodeHeader(Encoder& e, int version, bool compressed, std::array<int, 6> fields, float fill) {
+    e.encodeInt(version);
+    if (version >= 2) e.encodeUint8(compressed);
+    for (int i = 0; i < 6; ++i) {
+        if (i == 2) e.encodeFloat(fill);
+        e.encodeInt(fields[i]);
+    }
 }
 
 // Every test leaves MemoryManager as it found it.
@@ -78,21 +82,16 @@ protected:
 // ---------------------------------------------------------------- geometry and constant masks
 
 TEST_F(TiledMask, TileGridAndTheEdgeColumn) {
-    for (auto [w, h, tx, ty] : {std::tuple{0, 0, 0, 0}, {1, 1, 1, 1}, {300, 300, 1, 1}, {600, 601, 2, 3}, {-5, 10, 0, 1}}) {
-        TiledMaskImage m(_Size<int>(w, h), 0.0f);
-        EXPECT_EQ(std::pair(m.tilesX(), m.tilesY()), std::pair(tx, ty)) << w << " x " << h;
-    }
     TiledMaskImage m(_Size<int>(301, 300), 0.0f);
     EXPECT_EQ(std::pair(m.tilesX(), m.tilesY()), std::pair(2, 1));
     EXPECT_EQ(m.tileIndex(300, 0), 1);
     EXPECT_EQ(m.getTileRect(1), _Rect<int>(300, 0, 1, 300));
     EXPECT_EQ(m.getTileRect(2), kEmptyRect);
     m.setValue(0.7f, 300, 0);
-    EXPECT_EQ(presentTiles(m), std::set<int>{1});
+    ASSERT_TRUE(m.presentTileCount() == 1 && m.tile(1));
     EXPECT_EQ(m.tile(1)->size(), _Size<int>(300, 300));  // edge tiles are full size
     EXPECT_EQ(m.tile(1)->at(0, 0), 0.7f);                // column 0 of tile 1
-    EXPECT_EQ(m.getValue(300, 0), 0.7f);
-    EXPECT_EQ(m[300], 0.7f);
+    EXPECT_EQ(std::pair(m.getValue(300, 0), m[300]), std::pair(0.7f, 0.7f));
     EXPECT_EQ(m[301 * 5 + 2], 0.0f);
 }
 
@@ -101,47 +100,47 @@ TEST_F(TiledMask, FreshMaskReadsFillAndEncodesAllFlagsZero) {
     for (auto [x, y] : {std::pair{0, 0}, {300, 299}, {150, 7}}) EXPECT_EQ(m.getValue(x, y), 0.25f);
     for (bool compressed : {false, true}) {
         Encoder expected;
-        expected.encodeInt(2);
-        expected.encodeUint8(compressed);
-        for (int field : {301, 300}) expected.encodeInt(field);
-        expected.encodeFloat(0.25f);
-        for (int field : {300, 300, 2, 1}) expected.encodeInt(field);
+        encodeHeader(expected, 2, compressed, {301, 300, 300, 300, 2, 1}, 0.25f);
         for (int flag = 0; flag < 3; ++flag) expected.encodeUint8(0);  // two tiles, the whole image
         EXPECT_EQ(encoded(m, compressed), expected.data());
     }
 }
 
-// Whole-mask edits reset to a constant; a constant stays without tiles.
+// Whole-mask edits reset to a constant; a constant stays without tiles. isEmpty and isFilled
+// look at present tiles only.
 TEST_F(TiledMask, ConstantMasksHoldNoTiles) {
-    TiledMaskImage m(_Size<int>(700, 700), 0.5f);
-    m.setValue(0.5f, 10, 10);  // the fill value creates nothing
-    m.fillRoi(_Rect<int>(5, 5, 20, 20), 0.5f);
+    TiledMaskImage m(_Size<int>(700, 700), 1.0f);
+    EXPECT_TRUE(m.isEmpty() && m.isFilled(1.0f) && m.isFilled(0.3f));
+    m.setValue(1.0f, 10, 10);  // the fill value creates nothing
+    m.fillRoi(_Rect<int>(5, 5, 20, 20), 1.0f);
     EXPECT_EQ(m.presentTileCount(), 0u);
     dab(m, nullptr, 300, 300, 20);
     ASSERT_EQ(m.presentTileCount(), 4u);
+    EXPECT_FALSE(m.isEmpty());  // the tiles hold 1.0 around the dab
+    m.fillRoi(kNoRegion, 0.3f);  // the empty rectangle is the whole mask
+    EXPECT_EQ(std::pair(m.presentTileCount(), m.fillValue()), std::pair(std::size_t(0), 0.3f));
+    dab(m, nullptr, 300, 300, 20);
     m.setFilled();
     EXPECT_EQ(m.presentTileCount(), 0u);
     EXPECT_TRUE(sameAs(m, Dense(700, 700, 1.0f)));
     m.setEmpty();
-    EXPECT_EQ(m.fillValue(), 0.0f);
     m.setFillWith(0.25f);
     m.invert();
-    EXPECT_EQ(m.fillValue(), 0.75f);
-    EXPECT_EQ(m.presentTileCount(), 0u);
+    EXPECT_EQ(std::pair(m.presentTileCount(), m.fillValue()), std::pair(std::size_t(0), 0.75f));
     EXPECT_EQ(m.getValue(699, 699), 0.75f);
 }
 
 TEST_F(TiledMask, BrushDabOnAHundredMegapixelsHoldsAtMostFourTiles) {
     TiledMaskImage m(_Size<int>(10000, 10000), 0.0f);
     dab(m, nullptr, 5990, 2990, 25);  // straddles tile corners at (6000, 3000)
-    EXPECT_EQ(m.presentTileCount(), 4u);
-    EXPECT_EQ(m.getValue(5990, 2990), 1.0f);
+    EXPECT_EQ(std::pair(m.presentTileCount(), m.getValue(5990, 2990)), std::pair(std::size_t(4), 1.0f));
     EXPECT_LE(MemoryManager::instance().liveBytes(), 4u * 300 * 300 * sizeof(float) + (1u << 16));
 }
 
 // ---------------------------------------------------------------- edits against a dense reference
 
-TEST_F(TiledMask, FillRoiMatchesADenseReference) {
+// Fills, then the zero count (unprepared and prepared) and invert (on many threads and on one).
+TEST_F(TiledMask, EditsMatchADenseReference) {
     TiledMaskImage m(_Size<int>(650, 610), 0.0f);
     Dense d(650, 610, 0.0f);
     const std::pair<_Rect<int>, float> fills[] = {
@@ -160,44 +159,17 @@ TEST_F(TiledMask, FillRoiMatchesADenseReference) {
     EXPECT_FALSE(m.tile(0));
     EXPECT_TRUE(m.tile(4)->isFilled(0.125f));
     EXPECT_TRUE(m.tile(8)->isFilled(0.75f));  // edge tile, padding filled too
-    m.fillRoi(kNoRegion, 0.3f);               // the empty rectangle is the whole mask
-    EXPECT_EQ(m.presentTileCount(), 0u);
-    EXPECT_EQ(m.fillValue(), 0.3f);
-}
-
-TEST_F(TiledMask, InvertAndZeroCountOfAPaintedMask) {
-    for (float fill : {0.0f, 0.5f}) {
-        TiledMaskImage m(_Size<int>(610, 330), fill);
-        Dense d(610, 330, fill);
-        dab(m, &d, 605, 300, 40);
-        m.fillRoi(_Rect<int>(0, 0, 20, 20), 0.0f);
-        d.fill(_Rect<int>(0, 0, 20, 20), 0.0f);
-        const auto zeros = [&] { return uint64_t(std::count(d.v.begin(), d.v.end(), 0.0f)); };
-        EXPECT_EQ(m.zeroPixelsCount(), zeros()) << fill;
-        m.invert();
-        for (float& v : d.v) v = 1.0f - v;
-        EXPECT_TRUE(sameAs(m, d)) << fill;
-        m.prepare(kNoRegion);
-        EXPECT_EQ(m.zeroPixelsCount(), zeros()) << fill;
-    }
-}
-
-// isEmpty and isFilled look at present tiles only.
-TEST_F(TiledMask, IsEmptyLooksAtTilesOnly) {
-    TiledMaskImage m(_Size<int>(500, 500), 1.0f);
-    EXPECT_TRUE(m.isEmpty());
-    EXPECT_TRUE(m.isFilled(1.0f));
-    EXPECT_TRUE(m.isFilled(0.3f));
-    m.setValue(0.0f, 10, 10);
-    EXPECT_FALSE(m.isEmpty());  // the tile holds 1.0 around the pixel
-    m.fillRoi(_Rect<int>(0, 0, 300, 300), 0.0f);
-    EXPECT_TRUE(m.isEmpty());
-    // An edge tile whose inside part holds 1.0 is filled with 1.0, whatever its padding.
-    TiledMaskImage e(_Size<int>(310, 10), 0.0f);
-    e.fillRoi(_Rect<int>(0, 0, 300, 10), 1.0f);
-    for (int y = 0; y < 10; ++y)
-        for (int x = 300; x < 310; ++x) e.setValue(1.0f, x, y);
-    EXPECT_TRUE(e.isFilled(1.0f));
+    dab(m, &d, 100, 450, 40);
+    const auto zeros = [&] { return uint64_t(std::count(d.v.begin(), d.v.end(), 0.0f)); };
+    EXPECT_EQ(m.zeroPixelsCount(), zeros());
+    m.invert();
+    for (float& v : d.v) v = 1.0f - v;
+    EXPECT_TRUE(sameAs(m, d));
+    test::onOneThread([&] { m.invert(); });  // and back, on one thread
+    for (float& v : d.v) v = 1.0f - v;
+    EXPECT_TRUE(sameAs(m, d));
+    m.prepare(kNoRegion);
+    EXPECT_EQ(m.zeroPixelsCount(), zeros());
 }
 
 // ---------------------------------------------------------------- whole-image form
@@ -208,8 +180,7 @@ TEST_F(TiledMask, PrepareEditStore) {
     dab(m, &d, 100, 100, 30);
     m.prepare(_Rect<int>(280, 280, 60, 60));
     auto whole = m.maskImage();
-    ASSERT_TRUE(m.isPrepared() && whole);
-    EXPECT_EQ(whole->size(), m.size());
+    ASSERT_TRUE(m.isPrepared() && whole && whole->size() == m.size());
     EXPECT_TRUE(sameAs(m, d));
     whole->fillRect(0.5f, _Rect<int>(310, 310, 20, 20));  // through the image
     d.fill(_Rect<int>(310, 310, 20, 20), 0.5f);
@@ -221,26 +192,19 @@ TEST_F(TiledMask, PrepareEditStore) {
     m.store();
     EXPECT_FALSE(m.isPrepared());
     EXPECT_TRUE(sameAs(m, d));
-    EXPECT_EQ(presentTiles(m), (std::set<int>{2, 4}));  // tile 0 constant again: released
+    EXPECT_TRUE(m.presentTileCount() == 2 && m.tile(2) && m.tile(4));  // tile 0 constant again: released
     whole.reset();
-}
-
-TEST_F(TiledMask, MaskImageResizesThroughMaskImage) {
-    TiledMaskImage m(_Size<int>(320, 310), 0.2f);
-    Dense d(320, 310, 0.2f);
-    dab(m, &d, 300, 290, 25);
-    auto expected = MaskImage(d.v.data(), _Size<int>(320, 310)).resize(_Size<int>(80, 62), kNoRegion, true);
+    // A rendition at another size is the dense mask resized, and does not prepare.
+    auto expected = MaskImage(d.v.data(), _Size<int>(650, 400)).resize(_Size<int>(80, 62), kNoRegion, true);
     auto got = m.maskImage(_Size<int>(80, 62));
     ASSERT_TRUE(got && expected);
-    EXPECT_EQ(std::vector<float>(got->data(), got->data() + got->pixelCount()),
-              std::vector<float>(expected->data(), expected->data() + expected->pixelCount()));
-    EXPECT_FALSE(m.isPrepared());  // a rendition does not prepare
-    EXPECT_EQ(TiledMaskImage(_Size<int>(0, 0), 0.0f).maskImage(), nullptr);
+    EXPECT_EQ(std::memcmp(got->data(), expected->data(), expected->byteCount()), 0);
+    EXPECT_FALSE(m.isPrepared());
 }
 
 // ---------------------------------------------------------------- walks and copies
 
-TEST_F(TiledMask, ProcessTilesVisitsTouchedTilesInOrder) {
+TEST_F(TiledMask, ProcessTilesAndTheIteratorWalkInOrder) {
     TiledMaskImage m(_Size<int>(700, 650), 0.0f);
     const std::pair<_Rect<int>, std::vector<std::pair<int, _Rect<int>>>> cases[] = {
         {{250, 280, 100, 40},
@@ -253,57 +217,41 @@ TEST_F(TiledMask, ProcessTilesVisitsTouchedTilesInOrder) {
         m.processTiles(rect, [&](int i, const _Rect<int>& part) { seen.emplace_back(i, part); });
         EXPECT_EQ(seen, expected);
     }
-    int all = 0;
-    m.processTiles(kNoRegion, [&](int, const _Rect<int>&) { ++all; });
-    EXPECT_EQ(all, 9);
-}
-
-TEST_F(TiledMask, IteratorWalksRowMajor) {
-    TiledMaskImage m(_Size<int>(610, 7), 0.1f);
+    TiledMaskImage w(_Size<int>(610, 7), 0.1f);
     Dense d(610, 7, 0.1f);
-    dab(m, &d, 305, 3, 4);
+    dab(w, &d, 305, 3, 4);
     for (bool prepared : {false, true}) {
-        if (prepared) m.prepare(kNoRegion);
+        if (prepared) w.prepare(kNoRegion);
         std::vector<float> walked;
-        for (auto it = m.begin(); it != m.end(); ++it) walked.push_back(*it);
+        for (auto it = w.begin(); it != w.end(); ++it) walked.push_back(*it);
         EXPECT_EQ(walked, d.v) << prepared;
-        auto it = m.begin();
-        it += 609;
-        EXPECT_EQ(*it, d.v[609]);
-        auto old = it++;
-        EXPECT_EQ(it - old, 1);
-        EXPECT_EQ(*it, d.v[610]);
-        it.setIndex(3 * 610 + 305);
-        EXPECT_EQ(*it, d.v[3 * 610 + 305]);
-        EXPECT_TRUE(TiledMaskImage::Iterator(&m, 3 * 610 + 305) == it);
-        EXPECT_EQ(m.end() - m.begin(), m.area());
+        auto it = w.begin();
+        it += 3 * 610 + 305;
+        EXPECT_TRUE(*it == d.v[3 * 610 + 305] && TiledMaskImage::Iterator(&w, 3 * 610 + 305) == it);
     }
 }
 
 TEST_F(TiledMask, CopiesShareTilesUntilWritten) {
     TiledMaskImage a(_Size<int>(600, 300), 0.0f);
     dab(a, nullptr, 150, 150, 30);
-    a.setName("brush");
     const std::size_t bytesBefore = MemoryManager::instance().liveBytes();
     auto b = a.copy();
     EXPECT_EQ(MemoryManager::instance().liveBytes(), bytesBefore);  // nothing copied yet
-    EXPECT_EQ(b->name(), "brush");
-    b->setValue(0.0f, 150, 150);
     b->invert();
-    EXPECT_EQ(b->getValue(150, 150), 1.0f);
     EXPECT_EQ(b->getValue(140, 150), 1.0f - a.getValue(140, 150));
     TiledMaskImage c(_Size<int>(1, 1), 0.0f);
     c = a;
     c.fillRoi(_Rect<int>(140, 140, 20, 20), 0.5f);
-    EXPECT_EQ(c.getValue(150, 150), 0.5f);
     auto held = a.tile(0);
     a.setValue(0.25f, 150, 150);
-    EXPECT_EQ(held->at(150, 150), 1.0f);  // a caller's tile reference is a snapshot
-    EXPECT_EQ(a.getValue(150, 150), 0.25f);
+    EXPECT_EQ(std::tuple(held->at(150, 150), c.getValue(150, 150), a.getValue(150, 150)),
+              std::tuple(1.0f, 0.5f, 0.25f));  // a tile reference and a copy are snapshots
 }
 
 // ---------------------------------------------------------------- streams
 
+// Exact without compression; with it, values k/255 exact and arbitrary values (in the
+// prepared whole image) within two byte planes. Encoding is the same on one thread.
 TEST_F(TiledMask, EncodeDecodeRestoresEveryPixel) {
     TiledMaskImage m(_Size<int>(640, 310), 0.0f);
     Dense d(640, 310, 0.0f);
@@ -313,11 +261,9 @@ TEST_F(TiledMask, EncodeDecodeRestoresEveryPixel) {
     for (bool compressed : {true, false}) {
         TiledMaskImage back = decoded(encoded(m, compressed));
         EXPECT_TRUE(sameAs(back, d)) << compressed;
-        EXPECT_EQ(presentTiles(back), presentTiles(m));
+        for (int i = 0; i < m.tileCount(); ++i) EXPECT_EQ(bool(back.tile(i)), bool(m.tile(i))) << i;
         EXPECT_FALSE(back.isPrepared());
     }
-    // Arbitrary values in a prepared mask: exact without compression, within two byte
-    // planes with it.
     const auto noise = test::noise(50 * 50, 31);
     for (int y = 0; y < 50; ++y)
         for (int x = 0; x < 50; ++x) m.setValue(d.at(590 + x, 200 + y) = noise[y * 50 + x], 590 + x, 200 + y);
@@ -329,20 +275,9 @@ TEST_F(TiledMask, EncodeDecodeRestoresEveryPixel) {
         back.store();
         EXPECT_TRUE(sameAs(back, d, compressed ? kTwoPlaneTolerance : 0.0f)) << compressed;
     }
-}
-
-TEST_F(TiledMask, EncodingAndInvertAreTheSameOnOneThread) {
-    TiledMaskImage m(_Size<int>(900, 620), 0.0f);
-    for (int i = 0; i < 6; ++i) dab(m, nullptr, 100 + 150 * i, 80 + 90 * i, 35);
-    const Bytes many = encoded(m, true);
     Bytes one;
     test::onOneThread([&] { one = encoded(m, true); });
-    EXPECT_EQ(one, many);
-    TiledMaskImage a = decoded(many), b(_Size<int>(1, 1), 0.0f);
-    test::onOneThread([&] { b = decoded(one); });
-    a.invert();
-    test::onOneThread([&] { b.invert(); });
-    EXPECT_EQ(encoded(a, false), encoded(b, false));
+    EXPECT_EQ(one, encoded(m, true));
 }
 
 // A hand-made version-1 stream: no compressed flag, mask blocks (tracked or legacy), no
@@ -361,74 +296,35 @@ TEST_F(TiledMask, DecodesVersion1) {
             ImageCompressorProxy::compressMask(tile, block);
         }
         Encoder e;
-        for (int field : {1, 5, 3}) e.encodeInt(field);
-        e.encodeFloat(0.5f);
-        for (int field : {4, 4, 2, 1}) e.encodeInt(field);
-        e.encodeUint8(0);
-        e.encodeUint8(1);
+        encodeHeader(e, 1, false, {5, 3, 4, 4, 2, 1}, 0.5f);
+        for (int present : {0, 1}) e.encodeUint8(present);
         e.encodeUint64(block.size());
         e.encodeData(block.data(), block.size());
         TiledMaskImage m = decoded(e.take());
-        EXPECT_EQ(m.size(), _Size<int>(5, 3));
-        EXPECT_EQ(m.tileSize(), _Size<int>(4, 4));
+        EXPECT_EQ(std::pair(m.size(), m.tileSize()), std::pair(_Size<int>(5, 3), _Size<int>(4, 4)));
         EXPECT_EQ(m.getValue(0, 0), 0.5f);
         EXPECT_NEAR(m.getValue(4, 2), tile.at(0, 2), legacy ? 0.0f : kTwoPlaneTolerance);
         EXPECT_FALSE(m.isPrepared());
     }
 }
 
-// An unknown or missing version gives the default state; damaged streams throw a
-// documented exception and leave the target unchanged (and nothing allocated: see the fixture).
+// An unknown version gives the default state; a hostile header (60000 x 60000 in 2 x 2
+// tiles) throws before allocating anything (see the fixture) and leaves the target as it
+// was. A null encoder is logged.
 TEST_F(TiledMask, HostileStreams) {
-    for (const Bytes& bytes : {Bytes{}, Bytes{3, 0, 0, 0, 1, 2, 3}, Bytes{0, 0}}) {
-        TiledMaskImage m = decoded(bytes);
-        EXPECT_EQ(m.size(), _Size<int>(0, 0));
-        EXPECT_EQ(m.tileCount(), 0);
-        EXPECT_FALSE(m.isPrepared());
-    }
-    EXPECT_EQ(TiledMaskImage(std::shared_ptr<Decoder>{}).area(), 0);
-    TiledMaskImage m(_Size<int>(320, 310), 0.0f);
-    dab(m, nullptr, 300, 300, 15);
-    for (bool compressed : {true, false}) {
-        const Bytes good = encoded(m, compressed);
-        for (std::size_t len = 4; len < good.size(); len += 1 + good.size() / 97) {  // sampled truncations
-            TiledMaskImage target(_Size<int>(3, 3), 0.5f);
-            auto d = std::make_shared<Decoder>(good.data(), len);
-            int version = 0;
-            ASSERT_TRUE(d->decodeInt(version));
-            try {
-                target.decode(d);
-                ADD_FAILURE() << "no exception at length " << len;
-            } catch (const DecodeError&) {
-            } catch (const ImageCompressorLosslessZlib::CompressorException&) {
-            }
-            EXPECT_EQ(target.size(), _Size<int>(3, 3));
-            EXPECT_EQ(target.getValue(1, 1), 0.5f);
-        }
-    }
-    const std::pair<const char*, std::vector<int>> headers[] = {  // w, h, tile w, tile h, tiles x, tiles y
-        {"negative width", {-1, 5, 4, 4, 0, 2}},
-        {"tile width 0", {5, 5, 0, 4, 2, 2}},
-        {"tile side 5000", {5, 5, 5000, 4, 1, 2}},
-        {"tile counts", {5, 5, 4, 4, 3, 2}},
-        {"more tiles than bytes", {2000000000, 2000000000, 1, 1, 2000000000, 2000000000}},
-        {"60000 x 60000 in tiny tiles", {60000, 60000, 2, 2, 30000, 30000}},
-    };
-    for (const auto& [name, h] : headers) {
-        Encoder e;
-        e.encodeInt(2);
-        e.encodeUint8(1);
-        for (int field : {h[0], h[1]}) e.encodeInt(field);
-        e.encodeFloat(0.0f);
-        for (int field : {h[2], h[3], h[4], h[5]}) e.encodeInt(field);
-        for (int i = 0; i < 8; ++i) e.encodeUint8(0);
-        EXPECT_THROW(decoded(e.take()), DecodeError) << name;
-    }
-}
-
-TEST_F(TiledMask, NullEncoderIsLogged) {
+    const TiledMaskImage unknown = decoded(Bytes{3, 0, 0, 0, 1, 2, 3});
+    EXPECT_EQ(std::pair(unknown.size(), unknown.tileCount()), std::pair(_Size<int>(0, 0), 0));
+    auto e = std::make_shared<Encoder>();
+    encodeHeader(*e, 2, true, {60000, 60000, 2, 2, 30000, 30000}, 0.0f);
+    for (int i = 0; i < 8; ++i) e->encodeUint8(0);
+    auto d = std::make_shared<Decoder>(e->take());
+    int version = 0;
+    ASSERT_TRUE(d->decodeInt(version));
+    TiledMaskImage target(_Size<int>(3, 3), 0.5f);
+    EXPECT_THROW(target.decode(d), DecodeError);
+    EXPECT_EQ(std::pair(target.size(), target.getValue(1, 1)), std::pair(_Size<int>(3, 3), 0.5f));
     test::LogCapture log;
-    TiledMaskImage(_Size<int>(2, 2), 0.0f).encode(nullptr, true);
+    target.encode(nullptr, true);
     EXPECT_EQ(log.lines(), std::vector<std::string>{"void __cdecl zorl::TiledMaskImage::encode(const class "
                                                     "std::shared_ptr<class zorl::Encoder> &,bool)const: encoder is null"});
 }
