@@ -1,6 +1,6 @@
 // Tiled RGB image stores: reads, writes, fills and modified flags against a dense model,
-// blends against the dense blend, serialisation round trips and hostile streams, and
-// renditions against the dense renditions.
+// blends against the dense blend and the resampling rule, serialisation round trips and
+// damaged streams, and renditions against the dense renditions.
 
 #include <gtest/gtest.h>
 
@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <tuple>
 #include <vector>
@@ -20,7 +21,6 @@
 
 #include <zorl/halton/halton.h>
 
-#include "compute/tiled_image_data_access.h"
 #include "storage/tiled_image_data_fuzz.h"
 #include "support/test_support.h"
 
@@ -30,7 +30,6 @@ namespace {
 using Pixel = PixelRGB<float>;
 using Image = _ImageData<Pixel>;
 using Bytes = std::vector<uint8_t>;
-using Lines = std::vector<std::string>;
 
 constexpr Pixel kFill{0.25f, 0.5f, 0.75f};
 
@@ -45,12 +44,11 @@ struct DenseModel {
     std::vector<Pixel> px;
     DenseModel(int width, int height, Pixel fill) : w(width), h(height), px(std::size_t(width) * height, fill) {}
     Pixel& at(int x, int y) { return px[std::size_t(y) * w + x]; }
-    bool inside(int x, int y) const { return x >= 0 && y >= 0 && x < w && y < h; }
     void write(const Image& src, _Rect<int> srcRect, _Point<int> to) {
         for (int sy = srcRect.y; sy < srcRect.bottom(); ++sy)
             for (int sx = srcRect.x; sx < srcRect.right(); ++sx) {
                 const int x = to.x + sx - srcRect.x, y = to.y + sy - srcRect.y;
-                if (src.rect().contains(sx, sy) && inside(x, y)) at(x, y) = src.at(sx, sy);
+                if (src.rect().contains(sx, sy) && _Rect<int>{0, 0, w, h}.contains(x, y)) at(x, y) = src.at(sx, sy);
             }
     }
     void fill(_Rect<int> r, Pixel v) {
@@ -74,18 +72,13 @@ bool samePixels(const Image& a, const Image& b) {
     return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.byteCount()) == 0;
 }
 
-std::shared_ptr<Image> noiseImage(_Size<int> size, uint32_t seed) {
-    auto img = std::make_shared<Image>(size, ColorProfileType::sRGB());
-    const std::vector<float> v = test::noise(img->pixelCount() * 3, seed);
+// Seeded noise in 0..1: an sRGB image, or (T = float) an untagged mask.
+template <class T = Pixel>
+std::shared_ptr<_ImageData<T>> noise(_Size<int> size, uint32_t seed) {
+    auto img = std::make_shared<_ImageData<T>>(size, std::is_same_v<T, float> ? nullptr : ColorProfileType::sRGB());
+    const std::vector<float> v = test::noise(img->pixelCount() * sizeof(T) / sizeof(float), seed);
     std::memcpy(img->data(), v.data(), v.size() * sizeof(float));
     return img;
-}
-
-std::shared_ptr<_ImageData<float>> noiseMask(_Size<int> size, uint32_t seed) {
-    auto m = std::make_shared<_ImageData<float>>(size, nullptr);
-    const std::vector<float> v = test::noise(m->pixelCount(), seed);
-    std::memcpy(m->data(), v.data(), v.size() * sizeof(float));
-    return m;
 }
 
 // A store with a few patches: some tiles present, most absent.
@@ -94,7 +87,7 @@ Store patchedStore(_Size<int> size, Pixel fill, uint32_t seed) {
     Store s(size, fill, ColorProfileType::sRGB());
     std::mt19937 rng(seed);
     for (int k = 0; k < 3; ++k) {
-        const auto patch = noiseImage({40 + int(rng() % 60), 30 + int(rng() % 40)}, seed * 10 + k);
+        const auto patch = noise({40 + int(rng() % 60), 30 + int(rng() % 40)}, seed * 10 + k);
         s.writeRect(*patch, kNoRegion, {int(rng() % size.width) - 20, int(rng() % size.height) - 20});
     }
     return s;
@@ -105,11 +98,6 @@ Bytes encoded(const Store& s) {
     auto e = std::make_shared<Encoder>();
     s.encode(e);
     return e->take();
-}
-
-template <class Store>
-std::shared_ptr<Store> decoded(const Bytes& bytes) {
-    return Store::decode(std::make_shared<Decoder>(bytes));
 }
 
 // Every test leaves MemoryManager as it found it.
@@ -129,22 +117,14 @@ using BarcStore = TiledStore<BarcTiledImageData>;
 TYPED_TEST(TiledStore, AbsentTilesReadAsTheFillColour) {
     const int side = TypeParam::kTileSide;
     const TypeParam s({4 * side + 1, 3 * side - 5}, kFill, ColorProfileType::proPhotoRGB());
-    EXPECT_EQ(std::pair(s.tilesX(), s.tilesY()), std::pair(5, 3));
-    EXPECT_EQ(s.getTileRect(4), (_Rect<int>{4 * side, 0, 1, side}));  // clipped at the edges
-    EXPECT_EQ(s.getTileRect(14), (_Rect<int>{4 * side, 2 * side, 1, side - 5}));
-    EXPECT_EQ(s.getTileRect(15), kEmptyRect);
-    EXPECT_EQ(s.getTileRect(-1), kEmptyRect);
-    for (auto [x, y] : {std::pair{0, 0}, {4 * side, 3 * side - 6}, {-1, 0}, {4 * side + 1, 0}, {0, 3 * side - 5}})
-        EXPECT_EQ(s.getPixel(x, y), kFill);
+    EXPECT_EQ(s.getTileRect(14), (_Rect<int>{4 * side, 2 * side, 1, side - 5}));  // the last of 5 x 3, clipped
+    for (auto [x, y] : {std::pair{0, 0}, {4 * side, 3 * side - 6}, {-1, 0}, {4 * side + 1, 0}}) EXPECT_EQ(s.getPixel(x, y), kFill);
     const auto r = s.readRect({side - 20, 30, 2 * side, side});
-    ASSERT_TRUE(r);
-    EXPECT_EQ(*r->colorProfile(), *ColorProfileType::proPhotoRGB());
+    ASSERT_TRUE(r && *r->colorProfile() == *ColorProfileType::proPhotoRGB());
     EXPECT_TRUE(samePixels(*r, Image(_Size<int>{2 * side, side}, kFill, nullptr)));
     EXPECT_EQ(s.presentTileCount(), 0);  // reading materialises nothing
-    EXPECT_LT(s.heldBytes(), 64u * 1024);  // tables only
     EXPECT_EQ(s.readRect({4 * side + 1, 0, 5, 5}), nullptr);  // wholly outside
     EXPECT_EQ(s.readRect({4 * side - 9, 0, 50, 50})->size(), (_Size<int>{10, 50}));  // clipped
-    EXPECT_EQ(*TypeParam({1, 1}, kFill, nullptr).colorProfile(), *ColorProfileType::None());
 }
 
 // Random writes, fills and single pixels across tile (and, for the current scheme,
@@ -158,7 +138,7 @@ TYPED_TEST(TiledStore, WritesAcrossTileBordersMatchTheDenseModel) {
     for (int step = 0; step < 40; ++step) {
         const _Rect<int> r{coord(size.width), coord(size.height), 1 + int(rng() % 300), 1 + int(rng() % 200)};
         if (step % 4 < 2) {
-            const auto src = noiseImage({1 + int(rng() % 200), 1 + int(rng() % 150)}, step);
+            const auto src = noise({1 + int(rng() % 200), 1 + int(rng() % 150)}, step);
             // A source rectangle that may stick out of the source on any side.
             const _Rect<int> srcRect = step % 4 == 0 ? kNoRegion : _Rect<int>{int(rng() % 40) - 20, int(rng() % 40) - 20, 150, 120};
             s.writeRect(*src, srcRect, {r.x, r.y});
@@ -169,7 +149,7 @@ TYPED_TEST(TiledStore, WritesAcrossTileBordersMatchTheDenseModel) {
             m.fill(r, v);
         } else {
             s.setPixel({0.f, float(step), 1.f}, r.x, r.y);
-            if (m.inside(r.x, r.y)) m.at(r.x, r.y) = {0.f, float(step), 1.f};
+            if (_Rect<int>{0, 0, m.w, m.h}.contains(r.x, r.y)) m.at(r.x, r.y) = {0.f, float(step), 1.f};
         }
     }
     EXPECT_TRUE(equalsModel(s, m));
@@ -177,57 +157,28 @@ TYPED_TEST(TiledStore, WritesAcrossTileBordersMatchTheDenseModel) {
     test::onOneThread([&] { EXPECT_TRUE(samePixels(*s.readRect({100, 50, 1900, 200}), *many)); });
 }
 
-// Memory follows the tiles touched; whole-tile fills with the fill colour release tiles;
-// copies are deep.
+// Memory follows the tiles (and supertiles) touched; whole-tile fills with the fill colour
+// release tiles; copies are deep.
 TYPED_TEST(TiledStore, OnlyTouchedTilesAreHeld) {
-    const int side = TypeParam::kTileSide;
-    TypeParam s({20 * side, 10 * side}, kFill, ColorProfileType::sRGB());
-    const auto dab = noiseImage({4, 4}, 1);
-    s.writeRect(*dab, kNoRegion, {side - 2, side - 2});  // a corner shared by four tiles
+    constexpr int side = TypeParam::kTileSide, block = kIsKel<TypeParam> ? 16 * side : side;  // a supertile
+    TypeParam s({2 * block + 10, block + 10}, kFill, ColorProfileType::sRGB());
+    const auto dab = noise({4, 4}, 1);
+    s.writeRect(*dab, kNoRegion, {block - 2, block - 2});  // a corner shared by four tiles (and supertiles)
     EXPECT_EQ(s.presentTileCount(), 4);
-    for (int i : {0, 1, s.tilesX(), s.tilesX() + 1}) EXPECT_TRUE(s.hasTile(i)) << i;
     EXPECT_LT(s.heldBytes(), 4u * side * side * sizeof(Pixel) + 64u * 1024);
-    EXPECT_EQ(s.tilePixels(1, 1)[0], dab->at(2, 2));
-    for (auto [tx, ty] : {std::pair{2, 2}, {-1, 0}, {20, 0}}) EXPECT_EQ(s.tilePixels(tx, ty), nullptr);
+    EXPECT_EQ(s.tilePixels(block / side, block / side)[0], dab->at(2, 2));  // the tile right and below the corner
+    if constexpr (kIsKel<TypeParam>) { EXPECT_EQ(s.presentSupertileCount(), 4); }
     TypeParam copy(s);
-    s.fillRoi({0, 0, side, side}, kFill);  // wholly covered: released
-    s.fillRoi({side, side, 1, 1}, kFill);  // partial: kept
+    s.fillRoi({0, 0, block, block}, kFill);  // covers the tile left and above the corner: released
+    s.fillRoi({block, block, 1, 1}, kFill);  // partial: kept
     EXPECT_EQ(s.presentTileCount(), 3);
-    EXPECT_EQ(s.getPixel(side, side), kFill);
-    EXPECT_EQ(copy.getPixel(side - 1, side - 1), dab->at(1, 1));
-    EXPECT_EQ(copy.getPixel(side, side), dab->at(2, 2));
+    if constexpr (kIsKel<TypeParam>) { EXPECT_EQ(s.presentSupertileCount(), 3); }
+    EXPECT_EQ(copy.getPixel(block, block), dab->at(2, 2));
     copy = s;
-    EXPECT_EQ(copy.getPixel(side, side), kFill);
-    const Pixel red{1.f, 0.f, 0.f};
-    s.fillRoi(s.rect(), red);  // the whole image: no tiles, a new fill colour
-    EXPECT_EQ(s.presentTileCount(), 0);
-    EXPECT_EQ(s.getPixel(side, side), red);
-    s.setPixel(kFill, 5, 5);
-    s.fillRoi(kNoRegion, kFill);
-    EXPECT_EQ(s.presentTileCount(), 0);
-    EXPECT_EQ(s.fillColor(), kFill);
+    EXPECT_EQ(copy.getPixel(block - 1, block - 1), kFill);
+    s.fillRoi(kNoRegion, {1.f, 0.f, 0.f});  // the whole image: no tiles, a new fill colour
+    EXPECT_EQ(std::pair(s.presentTileCount(), s.fillColor()), std::pair(0, Pixel{1.f, 0.f, 0.f}));
     EXPECT_EQ(copy.presentTileCount(), 3);
-}
-
-TYPED_TEST(TiledStore, SizeOutOfRangeIsLoggedAndGivesAnEmptyStore) {
-    const std::string cls = kClass<TypeParam>;
-    for (_Size<int> bad : {_Size<int>{-1, 10}, _Size<int>{10, kMaxTiledImageSide + 1}}) {
-        test::LogCapture log;
-        TypeParam s(bad, kFill, ColorProfileType::sRGB());
-        EXPECT_EQ(log.lines(), Lines{"__cdecl " + cls + "::" + cls.substr(6) +
-                                     "(struct zorl::_Size<int>,const struct zorl::PixelRGB<float> &,class "
-                                     "std::shared_ptr<class zorl::ColorProfile>): Size out of range"});
-        EXPECT_EQ(s.size(), (_Size<int>{0, 0}));
-        EXPECT_EQ(s.tileCount(), 0);
-        EXPECT_EQ(s.readRect(kNoRegion), nullptr);
-        s.setPixel(kFill, 0, 0);
-        s.fillRoi({0, 0, 5, 5}, kFill);
-        EXPECT_EQ(s.presentTileCount(), 0);
-    }
-    test::LogCapture log;
-    TypeParam largest({kMaxTiledImageSide, kMaxTiledImageSide}, kFill, nullptr);
-    EXPECT_EQ(log.count(), 0u);
-    EXPECT_EQ(largest.size(), (_Size<int>{kMaxTiledImageSide, kMaxTiledImageSide}));
 }
 
 // Every kind of write, blends included, sets the flags of exactly the tiles it changes.
@@ -237,8 +188,9 @@ TEST_F(KelStore, ModifiedFlags) {
     KelTiledImageData layer({4 * side, 3 * side}, kFill, ColorProfileType::sRGB());
     layer.setPixel({1, 1, 1}, side + 3, side + 3);  // tile 5; the blends go first, over a fresh store
     const int nx = s.tilesX();
-    EXPECT_TRUE(s.modifiedTiles().empty());
-    const auto patch = noiseImage({3, 3}, 2);
+    std::vector<int> all(s.tileCount());
+    std::iota(all.begin(), all.end(), 0);
+    const auto patch = noise({3, 3}, 2);
     const std::tuple<const char*, std::function<void()>, std::vector<int>> cases[] = {
         {"tiled blend", [&] { s.blendWithTiledImageData(layer, nullptr, 0.5f); }, {5}},
         {"image blend", [&] { s.blendWithImageData(patch, {{3, 3}, {side - 1, 0, 3, 3}, true}, nullptr, 1.f); }, {0, 1}},
@@ -246,9 +198,12 @@ TEST_F(KelStore, ModifiedFlags) {
         {"writeRect", [&] { s.writeRect(*patch, kNoRegion, {side - 1, 2 * side - 1}); }, {nx, nx + 1, 2 * nx, 2 * nx + 1}},
         {"fillRoi", [&] { s.fillRoi({3 * side, 0, 2, 2 * side + 1}, {1, 1, 1}); }, {3, nx + 3, 2 * nx + 3}},
         {"fillRoi release", [&] { s.fillRoi({side, 0, side, side}, kFill); }, {1}},  // a release is a change
-        {"writeRect clipped", [&] { s.writeRect(*patch, kNoRegion, {-2, -2}); }, {0}},
         {"read", [&] { (void)s.readRect(kNoRegion); (void)s.getPixel(5, 5); }, {}},
         {"outside", [&] { s.setPixel(kFill, -1, 0); s.writeRect(*patch, kNoRegion, {9999, 0}); }, {}},
+        // A different fill colour changes every pixel: every tile.
+        {"tiled blend, other fill",
+         [&] { layer.setFillWith({0, 0, 0}); s.blendWithTiledImageData(layer, nullptr, 0.5f); }, all},
+        {"setFillWith", [&] { s.setFillWith({0, 0, 0}); }, all},
     };
     for (const auto& [what, write, tiles] : cases) {
         s.clearModified();
@@ -256,46 +211,18 @@ TEST_F(KelStore, ModifiedFlags) {
         EXPECT_EQ(s.modifiedTiles(), tiles) << what;
         for (int i : tiles) EXPECT_TRUE(s.isTileModified(i)) << what;
     }
-    // A different fill colour changes every pixel: every tile is modified.
-    s.clearModified();
-    layer.setFillWith({0, 0, 0});
-    s.blendWithTiledImageData(layer, nullptr, 0.5f);
-    EXPECT_EQ(s.modifiedTiles().size(), std::size_t(s.tileCount()));
-    s.clearModified();
-    s.setFillWith({0, 0, 0});
-    EXPECT_EQ(s.modifiedTiles().size(), std::size_t(s.tileCount()));
-    s.clearModified(5);
-    EXPECT_FALSE(s.isTileModified(5));
-    EXPECT_TRUE(s.isTileModified(4));
-    EXPECT_FALSE(s.isTileModified(-1));
-    EXPECT_FALSE(s.isTileModified(s.tileCount()));
+    s.clearModified(5);  // one flag cleared; the copy keeps the others
+    EXPECT_TRUE(!s.isTileModified(5) && s.isTileModified(4));
     EXPECT_EQ(KelTiledImageData(s).modifiedTiles(), s.modifiedTiles());
-    s.clearModified();
-    EXPECT_TRUE(s.modifiedTiles().empty());
-}
-
-TEST_F(KelStore, SupertilesExistOnlyWhileOneOfTheirTilesDoes) {
-    constexpr int block = KelTiledImageData::kTileSide * KelTiledImageData::kSupertileTiles;  // 2048
-    KelTiledImageData s({2 * block + 10, block + 10}, kFill, ColorProfileType::sRGB());
-    EXPECT_EQ(s.presentSupertileCount(), 0);
-    const auto patch = noiseImage({2, 2}, 3);
-    s.writeRect(*patch, kNoRegion, {block - 1, block - 1});  // corner of four supertiles
-    EXPECT_EQ(std::pair(s.presentSupertileCount(), s.presentTileCount()), std::pair(4, 4));
-    EXPECT_EQ(s.getPixel(block, block), patch->at(1, 1));
-    s.fillRoi({block, 0, block, block}, kFill);  // releases the tile of supertile (1, 0)
-    EXPECT_EQ(s.presentSupertileCount(), 3);
-    s.setFillWith(kFill);
-    EXPECT_EQ(s.presentSupertileCount(), 0);
 }
 
 // ---------------------------------------------------------------- blends
 
 TYPED_TEST(TiledStore, BlendWithTiledImageDataEqualsTheDenseBlend) {
     const _Size<int> size{3 * TypeParam::kTileSide - 30, 2 * TypeParam::kTileSide - 7};
-    const auto mask = noiseMask(size, 5);
+    const auto mask = noise<float>(size, 5);
     const std::tuple<bool, Pixel, float> cases[] = {  // mask, layer fill, opacity
-        {false, kFill, 0.6f},           {false, {0.9f, 0.1f, 0.0f}, 0.35f}, {true, kFill, 0.8f},
-        {true, {0.9f, 0.1f, 0.0f}, 1.0f}, {false, {0.f, 0.f, 0.f}, 0.0f},   {true, {1.f, 1.f, 1.f}, 0.5f}};
+        {false, kFill, 0.6f}, {false, {0.9f, 0.1f, 0.0f}, 0.35f}, {true, {0.9f, 0.1f, 0.0f}, 1.0f}, {false, {0.f, 0.f, 0.f}, 0.0f}};
     for (const auto& [withMask, layerFill, opacity] : cases) {
         TypeParam base = patchedStore<TypeParam>(size, kFill, 1);
         const TypeParam layer = patchedStore<TypeParam>(size, layerFill, 2);
@@ -308,40 +235,9 @@ TYPED_TEST(TiledStore, BlendWithTiledImageDataEqualsTheDenseBlend) {
         EXPECT_TRUE(samePixels(*base.readRect(kNoRegion), *expected)) << "mask " << withMask << " opacity " << opacity;
         EXPECT_TRUE(withMask || base.presentTileCount() <= before + layer.presentTileCount());
     }
-    TypeParam s = patchedStore<TypeParam>({300, 200}, kFill, 3);  // over itself: no change
+    TypeParam s = patchedStore<TypeParam>(size, kFill, 3);  // over itself: no change
     const auto before = s.readRect(kNoRegion);
     s.blendWithTiledImageData(s, nullptr, 0.5f);
-    EXPECT_TRUE(samePixels(*s.readRect(kNoRegion), *before));
-}
-
-TYPED_TEST(TiledStore, BlendsRejectMismatchedInputs) {
-    const std::string cls = kClass<TypeParam>;
-    const std::string tiledSig = "void __cdecl " + cls + "::blendWithTiledImageData(const class " + cls +
-                                 " &,const class std::shared_ptr<class zorl::_ImageData<float> const > &,float): ";
-    const std::string imageSig = "void __cdecl " + cls +
-                                 "::blendWithImageData(const class std::shared_ptr<class zorl::_ImageData<struct "
-                                 "zorl::PixelRGB<float> > const > &,const struct zorl::ResizeParameters &,const class "
-                                 "std::shared_ptr<class zorl::_ImageData<float> const > &,float): ";
-    TypeParam s = patchedStore<TypeParam>({300, 200}, kFill, 4);
-    const auto before = s.readRect(kNoRegion);
-    const TypeParam other({301, 200}, kFill, nullptr);
-    const auto img = noiseImage({50, 40}, 9);
-    const std::pair<std::function<void()>, std::string> cases[] = {
-        {[&] { s.blendWithTiledImageData(other, nullptr, 1.f); }, tiledSig + "Images have different sizes"},
-        {[&] { s.blendWithTiledImageData(s, noiseMask({300, 199}, 1), 1.f); }, tiledSig + "Mask has wrong size!"},
-        {[&] { s.blendWithImageData(nullptr, {{50, 40}, {0, 0, 50, 40}, true}, nullptr, 1.f); }, imageSig + "Image is null"},
-        {[&] { s.blendWithImageData(img, {{50, 41}, {0, 0, 50, 40}, true}, nullptr, 1.f); },
-         imageSig + "Image size differs from the resize parameters"},
-        {[&] { s.blendWithImageData(img, {{50, 40}, {0, 0, 0, 40}, true}, nullptr, 1.f); },
-         imageSig + "Image size differs from the resize parameters"},
-        {[&] { s.blendWithImageData(img, {{50, 40}, {0, 0, 50, 40}, true}, noiseMask({40, 50}, 1), 1.f); },
-         imageSig + "Mask has wrong size!"},
-    };
-    for (const auto& [call, line] : cases) {
-        test::LogCapture log;
-        call();
-        EXPECT_EQ(log.lines(), Lines{line});
-    }
     EXPECT_TRUE(samePixels(*s.readRect(kNoRegion), *before));
 }
 
@@ -372,8 +268,8 @@ TYPED_TEST(TiledStore, BlendWithImageDataFollowsTheResamplingRule) {
     for (const auto& [rp, withMask, opacity] : cases) {
         TypeParam s = patchedStore<TypeParam>(size, kFill, 6);
         const auto dense = s.readRect(kNoRegion);
-        const auto img = noiseImage(rp.size, 11);
-        const auto mask = withMask ? noiseMask(rp.size, 12) : nullptr;
+        const auto img = noise(rp.size, 11);
+        const auto mask = withMask ? noise<float>(rp.size, 12) : nullptr;
         s.blendWithImageData(img, rp, mask, opacity);
         const auto got = s.readRect(kNoRegion);
         double worst = 0;
@@ -404,116 +300,58 @@ TYPED_TEST(TiledStore, BlendWithImageDataFollowsTheResamplingRule) {
 
 // ---------------------------------------------------------------- serialisation
 
+// The documented header, then tile entries whose blocks are ordinary tracked RGB blocks;
+// decoding restores every pixel, and the form is canonical.
 TYPED_TEST(TiledStore, EncodeThenDecodeRestoresEveryPixel) {
-    for (const _Size<int> size : {_Size<int>{0, 0}, _Size<int>{1, 1}, _Size<int>{2 * TypeParam::kTileSide + 3, 150}}) {
-        TypeParam s = size.isEmpty() ? TypeParam(size, kFill, ColorProfileType::melissaRGB())
-                                     : patchedStore<TypeParam>(size, kFill, 8);
-        s.setPixel({-3.5f, 1e30f, 0.f}, size.width - 1, size.height - 1);  // out-of-range values survive too
-        const Bytes bytes = encoded(s);
-        test::LogCapture log;
-        const auto back = decoded<TypeParam>(bytes);
-        ASSERT_TRUE(back);
-        EXPECT_EQ(log.count(), 0u);
-        EXPECT_EQ(back->size(), s.size());
-        EXPECT_EQ(back->fillColor(), s.fillColor());
-        EXPECT_EQ(*back->colorProfile(), *s.colorProfile());
-        for (int i = 0; i < s.tileCount(); ++i) EXPECT_EQ(back->hasTile(i), s.hasTile(i));
-        EXPECT_TRUE(size.isEmpty() || samePixels(*back->readRect(kNoRegion), *s.readRect(kNoRegion)));
-        if constexpr (kIsKel<TypeParam>) { EXPECT_TRUE(back->modifiedTiles().empty()); }  // a new editing session
-        EXPECT_EQ(encoded(*back), bytes);  // the form is canonical
-    }
-}
-
-// The documented header, then tile entries whose blocks are ordinary tracked RGB blocks.
-TYPED_TEST(TiledStore, StreamLayoutAndTileBlocks) {
     const int side = TypeParam::kTileSide;
-    TypeParam s({side + 5, 20}, kFill, ColorProfileType::proPhotoRGB());
-    s.setPixel({1, 0, 0.5f}, side + 2, 7);  // tile 1 only
-    const Bytes bytes = encoded(s);
-    Decoder d(bytes);
-    int version, w, h, kind, tileSide;
-    float r, g, b;
-    ASSERT_TRUE(d.decodeInt(version) && d.decodeInt(w) && d.decodeInt(h) && d.decodeFloat(r) && d.decodeFloat(g) &&
-                d.decodeFloat(b) && d.decodeInt(kind) && d.decodeInt(tileSide));
-    EXPECT_EQ(std::tuple(version, w, h, kind, tileSide), std::tuple(1, side + 5, 20, int(ColorProfile::Kind::ProPhotoRGB), side));
-    EXPECT_EQ((Pixel{r, g, b}), kFill);
-    if constexpr (kIsKel<TypeParam>) {  // supertile side, tile count, then index and block per tile
-        int supertile;
-        uint32_t count, index;
-        ASSERT_TRUE(d.decodeInt(supertile) && d.decodeUint32(count) && d.decodeUint32(index));
-        EXPECT_EQ(std::tuple(supertile, count, index), std::tuple(16, 1u, 1u));
-    } else {  // a presence flag per tile, then its block
-        uint8_t absent, present;
-        ASSERT_TRUE(d.decodeUint8(absent) && d.decodeUint8(present));
-        EXPECT_EQ(std::pair(absent, present), std::pair(uint8_t(0), uint8_t(1)));
-    }
-    uint64_t length;
-    ASSERT_TRUE(d.decodeUint64(length));
-    Bytes block(length);
-    ASSERT_TRUE(d.decodeData(block.data(), length));
-    EXPECT_EQ(d.remaining(), 0u);
-    const auto tile = uncompressImageData(block);
-    ASSERT_TRUE(tile);
-    EXPECT_EQ(tile->size(), (_Size<int>{side, side}));
-    EXPECT_EQ(*tile->colorProfile(), *ColorProfileType::proPhotoRGB());
-    EXPECT_EQ(tile->at(2, 7), (Pixel{1, 0, 0.5f}));
-    EXPECT_EQ(tile->at(0, 0), kFill);
+    TypeParam one({side + 5, 20}, kFill, ColorProfileType::proPhotoRGB());
+    one.setPixel({1, 0, 0.5f}, side + 2, 7);  // tile 1 only
+    const Bytes bytes = encoded(one);
+    Encoder head;  // version, size, fill, profile, tile side; supertile side, tile count, index; or a flag per tile
+    for (int f : {1, side + 5, 20}) head.encodeInt(f);
+    for (float c : {kFill.r, kFill.g, kFill.b}) head.encodeFloat(c);
+    for (int f : {int(ColorProfile::Kind::ProPhotoRGB), side}) head.encodeInt(f);
+    if constexpr (kIsKel<TypeParam>) for (int f : {16, 1, 1}) head.encodeInt(f);
+    else for (int flag : {0, 1}) head.encodeUint8(uint8_t(flag));
+    const std::size_t n = head.data().size();
+    ASSERT_GT(bytes.size(), n + 8);
+    EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + n), head.data());
+    uint64_t length;  // then the tile's block
+    std::memcpy(&length, bytes.data() + n, 8);
+    ASSERT_EQ(bytes.size(), n + 8 + length);
+    const auto tile = uncompressImageData(Bytes(bytes.begin() + n + 8, bytes.end()));
+    ASSERT_TRUE(tile && tile->size() == (_Size<int>{side, side}) && *tile->colorProfile() == *ColorProfileType::proPhotoRGB());
+    EXPECT_EQ(std::pair(tile->at(2, 7), tile->at(0, 0)), std::pair(Pixel{1, 0, 0.5f}, kFill));
+    TypeParam s = patchedStore<TypeParam>({2 * side + 3, 150}, kFill, 8);
+    s.setPixel({-3.5f, 1e30f, 0.f}, 2 * side + 2, 149);  // out-of-range values survive too
+    test::LogCapture log;
+    const auto back = TypeParam::decode(std::make_shared<Decoder>(encoded(s)));
+    ASSERT_TRUE(back && log.count() == 0u);
+    EXPECT_TRUE(samePixels(*back->readRect(kNoRegion), *s.readRect(kNoRegion)));
+    if constexpr (kIsKel<TypeParam>) { EXPECT_TRUE(back->modifiedTiles().empty()); }  // a new editing session
+    EXPECT_EQ(encoded(*back), encoded(s));  // the form is canonical: size, fill, profile and tiles too
 }
 
-// Every truncation, and damaged fields, give null after exactly one log line.
+// Every truncation, and a hostile block length, give null after exactly one log line.
 TYPED_TEST(TiledStore, DamagedStreamsAreRefusedWithOneLogLine) {
     TypeParam s({TypeParam::kTileSide + 5, 20}, kFill, ColorProfileType::sRGB());
-    s.setPixel({1, 0, 0}, 3, 3);
-    s.setPixel({0, 1, 0}, TypeParam::kTileSide + 1, 3);
-    const Bytes good = encoded(s);
-    const std::string cls = kClass<TypeParam>;
-    const std::string sig = "class std::shared_ptr<class " + cls + "> __cdecl " + cls +
-                            "::decode(const class std::shared_ptr<class zorl::Decoder> &)";
+    s.setPixel({1, 0, 0}, TypeParam::kTileSide + 1, 3);  // tile 1 only
+    Bytes good = encoded(s);
+    const std::string sig = "class std::shared_ptr<class " + kClass<TypeParam> + "> __cdecl " + kClass<TypeParam> +
+                            "::decode(const class std::shared_ptr<class zorl::Decoder> &): ";
     for (std::size_t n = 0; n < good.size(); n += 1 + n / 64) {
         test::LogCapture log;
-        EXPECT_EQ(decoded<TypeParam>({good.begin(), good.begin() + n}), nullptr) << n;
+        EXPECT_EQ(TypeParam::decode(std::make_shared<Decoder>(good.data(), n)), nullptr) << n;
         ASSERT_EQ(log.count(), 1u) << n;
-        EXPECT_EQ(log.lines()[0].rfind(sig + ": ", 0), 0u) << log.lines()[0];
+        EXPECT_EQ(log.lines()[0].rfind(sig, 0), 0u) << log.lines()[0];
     }
-    auto patched = [&](std::size_t offset, auto value) {
-        Bytes b = good;
-        std::memcpy(b.data() + offset, &value, sizeof value);
-        return b;
-    };
-    const std::size_t afterSide = 32;  // version, size, fill, profile, tile side
-    // The first block: Kel after supertile side, count, index, length; Barc after flag, length.
-    const std::size_t block = afterSide + (kIsKel<TypeParam> ? 4 + 4 + 4 + 8 : 1 + 8);
-    std::vector<std::pair<Bytes, std::string>> cases = {
-        {patched(0, int(2)), "Unknown format version"},
-        {patched(4, int(-1)), "Size out of range"},
-        {patched(8, int(kMaxTiledImageSide + 1)), "Size out of range"},
-        {patched(24, int(99)), "Unknown color profile"},
-        {patched(28, int(64)), "Tile size differs"},
-        {patched(block + 24, uint32_t(2)), "Tile block header is inconsistent"},   // field 3
-        {patched(block + 36, uint32_t(3)), "Tile block header is inconsistent"},   // field 5: another profile
-        {patched(block + 20, uint32_t(64)), "Tile block header is inconsistent"},  // width
-        {patched(block + 56, uint32_t(0xdeadbeef)), "Tile block is corrupt: the input data was corrupted or incomplete"},
-    };
-    if (kIsKel<TypeParam>) {
-        cases.push_back({patched(afterSide, int(8)), "Supertile size differs"});
-        cases.push_back({patched(afterSide + 4, uint32_t(3)), "Tile count out of range"});
-        cases.push_back({patched(afterSide + 8, uint32_t(2)), "Tile index out of order or out of range"});
-        cases.push_back({patched(afterSide + 12, uint64_t(1) << 40), "Tile block length out of range"});
-    } else {
-        cases.push_back({patched(afterSide, uint8_t(2)), "Tile flag out of range"});
-        cases.push_back({patched(afterSide + 1, uint64_t(1) << 40), "Tile block length out of range"});
-    }
-    for (const auto& [bytes, message] : cases) {
-        test::LogCapture log;
-        EXPECT_EQ(decoded<TypeParam>(bytes), nullptr) << message;
-        EXPECT_EQ(log.lines(), Lines{sig + ": " + message});
-    }
+    // Tile 1's block length follows 32 header bytes and the supertile side, tile count and
+    // index (current scheme) or the flags of tiles 0 and 1 (older scheme).
+    const uint64_t huge = uint64_t(1) << 40;
+    std::memcpy(good.data() + 32 + (kIsKel<TypeParam> ? 12 : 2), &huge, sizeof huge);
     test::LogCapture log;
-    EXPECT_EQ(TypeParam::decode(nullptr), nullptr);
-    s.encode(nullptr);
-    EXPECT_EQ(log.lines(), (Lines{sig + ": Decoder is null", "void __cdecl " + cls +
-                                                                 "::encode(const class std::shared_ptr<class "
-                                                                 "zorl::Encoder> &) const: Encoder is null"}));
+    EXPECT_EQ(TypeParam::decode(std::make_shared<Decoder>(good)), nullptr);
+    EXPECT_EQ(log.lines(), std::vector<std::string>{sig + "Tile block length out of range"});
 }
 
 // ---------------------------------------------------------------- renditions
@@ -611,19 +449,6 @@ TEST_F(BarcStore, CreateSamplesPixelCentres) {
     }
 }
 
-TEST_F(KelStore, OnlyTheTilesTheRegionNeedsAreLookedUp) {
-    const KelTiledImageData store({4096, 4096}, kFill, nullptr);
-    using Access = detail::TiledSourceAccess<KelTiledImageData>;
-    // Identity: pixels 1000..1050 (+2 for the corner offsets and the neighbour) lie in
-    // tiles 7 and 8 on each axis.
-    EXPECT_EQ(Access(store, AffineTransform(), {1000, 1000, 50, 50}).tableSize(), 4u);
-    // A reduction by 4 (destination -> source): destination pixels 10..29 read source
-    // pixels 40..124, all in tile 0.
-    EXPECT_EQ(Access(store, AffineTransform::makeScale(4, 4), {10, 10, 20, 20}).tableSize(), 1u);
-    EXPECT_EQ(Access(store, AffineTransform(), kEmptyRect).tableSize(), 0u);
-    EXPECT_EQ(Access(store, AffineTransform(), {0, 0, 1, 1}).at(4000, 4000), kFill);  // outside the table
-}
-
 // ---------------------------------------------------------------- fuzz corpus
 
 std::filesystem::path corpusDir() {
@@ -636,13 +461,11 @@ std::filesystem::path corpusDir() {
 TEST(TiledImageDataFuzzCorpus, ReplaysEveryFile) {
     test::LogCapture quiet;
     test::MemoryBalance balance;
-    ASSERT_TRUE(std::filesystem::is_directory(corpusDir())) << corpusDir();
     int files = 0;
     for (const auto& entry : std::filesystem::directory_iterator(corpusDir())) {
         std::ifstream in(entry.path(), std::ios::binary);
         const Bytes bytes{std::istreambuf_iterator<char>(in), {}};
-        SCOPED_TRACE(entry.path().string());
-        EXPECT_NO_THROW(fuzz::tiledImageData(bytes.data(), bytes.size()));
+        EXPECT_NO_THROW(fuzz::tiledImageData(bytes.data(), bytes.size())) << entry.path();
         ++files;
     }
     EXPECT_GE(files, 4);
