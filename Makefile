@@ -43,7 +43,7 @@ bench: deps
 	cmake -S . -B $(BENCH_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DZORL_BUILD_BENCH=ON \
 	      -DZORL_BUILD_TESTS=OFF $(CMAKE_FLAGS)
 	cmake --build $(BENCH_BUILD) -j $(JOBS) --target zorl_benchmarks
-	@for b in $(BENCH_BUILD)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.5 || exit 1; done
+	@for b in $(BENCH_BUILD)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.3 --benchmark_repetitions=3 --benchmark_report_aggregates_only=true || exit 1; done
 
 fuzz: deps
 	./scripts/install-deps.sh --fuzz
