@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config
   libtbb-dev libopencv-dev libopencv-contrib-dev zlib1g-dev
-  libmagick++-dev liblcms2-dev
+  libmagick++-dev liblcms2-dev fonts-dejavu-core
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 # Fuzzing needs clang and its libFuzzer runtime; only `make fuzz` asks for them.
