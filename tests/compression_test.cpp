@@ -379,11 +379,6 @@ TEST(Files, StorageMessagesAndDamagedFiles) {
 
 // ---------------------------------------------------------------- fuzz corpus
 
-std::filesystem::path corpusRoot() {
-    const char* data = std::getenv("ZORL_TEST_DATA");
-    return std::filesystem::path(data ? data : "tests/data") / ".." / ".." / "fuzz" / "corpus";
-}
-
 // Every committed corpus file goes through the fuzz entry points; none may crash or throw.
 TEST(FuzzCorpus, ReplaysEveryFile) {
     LogCapture quiet;
@@ -396,7 +391,7 @@ TEST(FuzzCorpus, ReplaysEveryFile) {
     };
     for (const auto& [target, run] : targets) {
         int files = 0;
-        for (const auto& entry : std::filesystem::directory_iterator(corpusRoot() / target)) {
+        for (const auto& entry : std::filesystem::directory_iterator(test::fuzzCorpusDir(target))) {
             EXPECT_NO_THROW(run(readBytes(entry.path()))) << entry.path();
             ++files;
         }
@@ -407,8 +402,8 @@ TEST(FuzzCorpus, ReplaysEveryFile) {
 }
 
 void writeSeed(const std::string& target, const std::string& name, const Bytes& bytes) {
-    std::filesystem::create_directories(corpusRoot() / target);
-    writeBytes(corpusRoot() / target / name, bytes);
+    std::filesystem::create_directories(test::fuzzCorpusDir(target));
+    writeBytes(test::fuzzCorpusDir(target) / name, bytes);
 }
 
 // A version-2 stream of a 10 x 7 mask in 4 x 4 tiles (small seeds), tiles in their own

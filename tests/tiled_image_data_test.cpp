@@ -451,10 +451,7 @@ TEST_F(BarcStore, CreateSamplesPixelCentres) {
 
 // ---------------------------------------------------------------- fuzz corpus
 
-std::filesystem::path corpusDir() {
-    const char* data = std::getenv("ZORL_TEST_DATA");
-    return std::filesystem::path(data ? data : "tests/data") / ".." / ".." / "fuzz" / "corpus" / "fuzz_tiled_image_data";
-}
+std::filesystem::path corpusDir() { return test::fuzzCorpusDir("fuzz_tiled_image_data"); }
 
 // Every committed corpus file goes through the fuzz entry point: no crash, no exception,
 // no memory left behind.

@@ -2,6 +2,8 @@
 
 #include <tbb/global_control.h>
 
+#include <cstdlib>
+
 namespace zorl::test {
 
 LogCapture::LogCapture() {
@@ -51,6 +53,11 @@ std::vector<float> noise(std::size_t count, uint32_t seed, float lo, float hi) {
     std::vector<float> v(count);
     for (float& x : v) x = dist(rng);
     return v;
+}
+
+std::filesystem::path fuzzCorpusDir(const std::string& target) {
+    const char* root = std::getenv("ZORL_FUZZ_CORPUS");
+    return std::filesystem::path(root ? root : "fuzz/corpus") / target;
 }
 
 void onOneThread(const std::function<void()>& fn) {

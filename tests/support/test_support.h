@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <random>
@@ -47,6 +48,10 @@ private:
 
 // Seeded uniform noise in [lo, hi).
 std::vector<float> noise(std::size_t count, uint32_t seed, float lo = 0.0f, float hi = 1.0f);
+
+// The committed seed corpus of one fuzz target (fuzz/corpus/<target>), found through
+// the ZORL_FUZZ_CORPUS environment variable that ctest sets.
+std::filesystem::path fuzzCorpusDir(const std::string& target);
 
 // Runs fn with oneTBB limited to one thread.
 void onOneThread(const std::function<void()>& fn);
