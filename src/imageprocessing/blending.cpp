@@ -21,6 +21,7 @@
 
 #include "core/error_log.h"
 #include "core/parallel.h"
+#include "core/streaming_store.h"
 #include "imageprocessing/blending_lab.h"
 
 namespace zorl {
@@ -178,19 +179,9 @@ inline void huePixel(const PixelRGB<float>& layer, const PixelRGB<float>& base, 
 // ---------------------------------------------------------------------------------------
 // Span kernels over pixels [begin, end) of flat buffers.
 
-inline bool aligned16(const float* p) { return (reinterpret_cast<uintptr_t>(p) & 15u) == 0; }
-
-// Vector stores: plain, or non-temporal for jobs far larger than the caches, where the
-// result would only evict the inputs and a plain store would first read the line it
-// overwrites. Non-temporal stores need 16-byte alignment: the kernels peel pixels until
-// the destination is aligned.
-template <bool Stream>
-inline void store(float* p, __m128 v) {
-    if constexpr (Stream)
-        _mm_stream_ps(p, v);
-    else
-        _mm_storeu_ps(p, v);
-}
+using simd::finishStores;
+using simd::isAligned16;
+using simd::store;
 
 // out = b + (a - b) * alpha with one alpha for every channel.
 template <bool Stream>
@@ -198,7 +189,7 @@ void normalSpan(const float* a, const float* b, float* out, std::size_t floats, 
     const __m128 va = _mm_set1_ps(alpha);
     std::size_t i = 0;
     if constexpr (Stream)
-        for (; i < floats && !aligned16(out + i); ++i) out[i] = b[i] + (a[i] - b[i]) * alpha;
+        for (; i < floats && !isAligned16(out + i); ++i) out[i] = b[i] + (a[i] - b[i]) * alpha;
     for (; i + 8 <= floats; i += 8) {
         const __m128 b0 = _mm_loadu_ps(b + i), b1 = _mm_loadu_ps(b + i + 4);
         const __m128 d0 = _mm_sub_ps(_mm_loadu_ps(a + i), b0), d1 = _mm_sub_ps(_mm_loadu_ps(a + i + 4), b1);
@@ -206,7 +197,7 @@ void normalSpan(const float* a, const float* b, float* out, std::size_t floats, 
         store<Stream>(out + i + 4, _mm_add_ps(b1, _mm_mul_ps(d1, va)));
     }
     for (; i < floats; ++i) out[i] = b[i] + (a[i] - b[i]) * alpha;
-    if constexpr (Stream) _mm_sfence();
+    finishStores<Stream>();
 }
 
 // The same with alpha = mask[k] * opacity for pixel k: four pixels (twelve floats) at a
@@ -223,7 +214,7 @@ void normalSpanMasked(const float* a, const float* b, float* out, const float* m
     // Pixels are 12 bytes: a 4-byte aligned destination becomes 16-byte aligned within
     // three pixels, and stays aligned every four.
     if constexpr (Stream)
-        for (; k < pixels && !aligned16(out + 3 * k); ++k) scalarPixel(k);
+        for (; k < pixels && !isAligned16(out + 3 * k); ++k) scalarPixel(k);
     for (; k + 4 <= pixels; k += 4) {
         const __m128 w = _mm_mul_ps(_mm_loadu_ps(mask + k), vo);
         const __m128 w0 = _mm_shuffle_ps(w, w, _MM_SHUFFLE(1, 0, 0, 0));
@@ -239,7 +230,7 @@ void normalSpanMasked(const float* a, const float* b, float* out, const float* m
         store<Stream>(out + i + 8, _mm_add_ps(b2, _mm_mul_ps(d2, w2)));
     }
     for (; k < pixels; ++k) scalarPixel(k);
-    if constexpr (Stream) _mm_sfence();
+    finishStores<Stream>();
 }
 
 using PixelRule = void (*)(const PixelRGB<float>&, const PixelRGB<float>&, PixelRGB<float>&, float);

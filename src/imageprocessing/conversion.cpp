@@ -35,6 +35,7 @@
 #include "core/error_log.h"
 #include "core/parallel.h"
 #include "core/signature.h"
+#include "core/streaming_store.h"
 
 namespace zorl {
 namespace {
@@ -159,31 +160,12 @@ template <bool kStream, class S, class D>
 std::size_t alignDestination(const S* src, D* dst, std::size_t n) {
     std::size_t i = 0;
     if constexpr (kStream)
-        for (; i < n && (reinterpret_cast<uintptr_t>(dst + i) & 15) != 0; ++i) dst[i] = convertChannel<D>(src[i]);
+        for (; i < n && !simd::isAligned16(dst + i); ++i) dst[i] = convertChannel<D>(src[i]);
     return i;
 }
 
-template <bool kStream>
-inline void store(uint8_t* p, __m128i v) {
-    if constexpr (kStream)
-        _mm_stream_si128(reinterpret_cast<__m128i*>(p), v);
-    else
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
-}
-template <bool kStream>
-inline void store(uint16_t* p, __m128i v) { store<kStream>(reinterpret_cast<uint8_t*>(p), v); }
-template <bool kStream>
-inline void store(float* p, __m128 v) {
-    if constexpr (kStream)
-        _mm_stream_ps(p, v);
-    else
-        _mm_storeu_ps(p, v);
-}
-
-template <bool kStream>
-inline void finishStores() {
-    if constexpr (kStream) _mm_sfence();
-}
+using simd::finishStores;
+using simd::store;
 
 // Flat channel arrays, n channels, 16 channels per step.
 template <bool kStream>
