@@ -18,7 +18,10 @@
 #include <emmintrin.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
+
+#include <zorl/common/managed_memory.h>
 
 #include "imageprocessing/guided_filter/guided_common.h"
 
@@ -244,6 +247,21 @@ private:
     std::size_t lo_ = 0, hi_ = 0;  // image columns summed: [lo_, hi_)
     std::size_t kLo_ = 0;          // line entry of column lo_
     std::size_t entries_ = 0;      // band width + 2r
+};
+
+// Scratch of the band-parallel window passes, one block per band: the two line buffers
+// of a BandWindow with squares, then two rows of band width x channels floats (the
+// window means of I and I^2).
+struct BandScratch {
+    std::array<std::size_t, kMaxBands + 1> offset{};
+    zorl::ManagedBuffer<float> buffer;
+
+    BandScratch(const Bands& bands, int r, int channels) {
+        for (int i = 0; i < bands.count; ++i)
+            offset[i + 1] = offset[i] + 2 * lineFloats(bands.band[i], r, channels) + 2 * bands.band[i].width() * channels;
+        buffer = zorl::ManagedBuffer<float>(offset[bands.count]);
+    }
+    float* at(int band) { return buffer.data() + offset[band]; }
 };
 
 }  // namespace grfx::guided

@@ -11,7 +11,6 @@
 // rows in row buffers and copies them out (streaming for large planes).
 
 #include <algorithm>
-#include <array>
 #include <optional>
 
 #include <zorl/common/managed_memory.h>
@@ -21,23 +20,6 @@
 #include "imageprocessing/guided_filter/guided_kernels.h"
 
 namespace grfx::guided {
-namespace {
-
-// Per band: two line buffers and two row buffers.
-struct BandScratch {
-    std::array<std::size_t, kMaxBands + 1> offset{};
-    zorl::ManagedBuffer<float> buffer;
-
-    BandScratch(const Bands& bands, int r, int channels) {
-        for (int i = 0; i < bands.count; ++i)
-            offset[i + 1] = offset[i] + 2 * lineFloats(bands.band[i], r, channels) + 2 * bands.band[i].width() * channels;
-        buffer = zorl::ManagedBuffer<float>(offset[bands.count]);
-    }
-    float* at(int band) { return buffer.data() + offset[band]; }
-};
-
-}  // namespace
-
 template <class P>
 void selfGuidedCoefficients(const float* I, float* a, float* b, std::size_t width, std::size_t height, int r,
                             const Regulariser& reg) {

@@ -54,16 +54,13 @@ void computeWeightMap(const float* pixelsSrc, float* pixelsDst, std::size_t widt
 
     // var1 + epsW, by the running sums of I and I^2 over 3 x 3 windows.
     const Bands bands = splitBands(width);
-    std::vector<std::size_t> offset(bands.count + 1, 0);
-    for (int i = 0; i < bands.count; ++i)
-        offset[i + 1] = offset[i] + 2 * lineFloats(bands.band[i], r, C) + 2 * bands.band[i].width() * C;
-    zorl::ManagedBuffer<float> lines(offset[bands.count]);
+    BandScratch lines(bands, r, C);
     const float scale = windowScale(r);
     zorl::parallelFor(0, bands.count, [&](int first, int last) {
         for (int i = first; i < last; ++i) {
             const Band band = bands.band[i];
             const std::size_t line = lineFloats(band, r, C);
-            float* sumLine = lines.data() + offset[i];
+            float* sumLine = lines.at(i);
             float* sqLine = sumLine + line;
             float* ms = sqLine + line;
             float* mq = ms + band.width() * C;
